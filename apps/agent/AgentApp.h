@@ -1,0 +1,127 @@
+// AgentApp.h: the application object, in order of execution.
+#pragma once
+
+#include <vector>
+
+#include <wx/app.h>
+#include <wx/datetime.h>
+#include <wx/intl.h>
+
+#include "luahost/ArgLayout.h"
+
+class wxFileName;
+class wxInputStream;
+class wxOutputStream;
+struct lua_State;
+
+namespace VelCore {
+class CDom;
+class CLuaInterpreter;
+} // namespace VelCore
+
+/// The process: one object, made by the framework, that carries out what the command line asks for.
+///
+/// The class is wide and its parts are in files of their own; each group below names the file that defines it.
+///
+/// Threads: the main thread constructs and configures it before the script thread starts; from then on the script
+///          thread uses the members of luahost/ and packages/, and the main thread only its event loop.
+class CAgentApp : public wxAppConsole
+{
+public:
+    /// Trace module of the application object.
+    static const wxString s_Trace;
+
+    // shell/AgentApp_Lifecycle.cpp
+    CAgentApp();
+    ~CAgentApp() override;
+    bool OnInit() override;
+    int OnRun() override; // supervision/AgentApp_Run.cpp
+    int OnExit() override;
+    void OnInitCmdLine(wxCmdLineParser& parser) override;   // cmdline/AgentApp_CmdLine.cpp
+    bool OnCmdLineParsed(wxCmdLineParser& parser) override; // cmdline/AgentApp_CmdLine.cpp
+    void OnUnhandledException() override;                   // shell/AgentApp_Exceptions.cpp
+    wxAppTraits* CreateTraits() override;
+
+    bool IsMainAgent() const { return m_isMainAgent; }
+    bool IsBackground() const { return m_background; }
+
+    // supervision/AgentApp_Crypto.cpp
+    static void StartupInit();
+    static void TerminationCleanup();
+
+    // luahost/AgentApp_Modes.cpp
+    int OnRunScript();
+    int RunAppInteractively();
+    int RunUnitTests();
+
+    // luahost/AgentApp_Runner.cpp
+    int RunAppInit();
+    int RunAppMain();
+    int RunAppShutdown();
+    int RunAppMethod(const wchar_t* name);
+    int RunCodeSnippet(const wxString& code);
+    int RunChunk(wxInputStream& in, wxOutputStream& out, const wxString& name);
+
+    // luahost/AgentApp_Zippath.cpp
+    void ExpandZippath();
+
+    // packages/AgentApp_Extensions.cpp
+    bool ExtensionVersionIsOK(const wxString& extensionFile);
+
+    // luahost/AgentApp_Lua.cpp
+    static int SetupLua(lua_State* L);
+    int SetupLua();
+    lua_State* L() const; // null before the interpreter exists
+
+private:
+    // shell/AgentApp_Lifecycle.cpp
+    wxString Argument0() const;
+    wxFileName ExecutableName() const;
+
+    // cmdline/AgentApp_CmdLine.cpp
+    void TakeIdentity(const wxCmdLineParser& parser);
+    void TakeSearchPaths(const wxCmdLineParser& parser);
+    void TakeWorkFolder(const wxCmdLineParser& parser);
+    void TakeTraceModules(const wxCmdLineParser& parser);
+    void TakeDomainVariable(const wxCmdLineParser& parser);
+    void TakeTestMode(const wxCmdLineParser& parser);
+    void TakeConfiguration();
+
+    // supervision/AgentApp_Crypto.cpp
+    bool EnterFipsMode(int& exitCode);
+
+    // supervision/AgentApp_Run.cpp
+    bool RefuseWhatIsMissing(int& exitCode) const;
+    [[noreturn]] void RunWorker();
+
+    // luahost/AgentApp_Lua.cpp
+    bool SetPackagePaths();
+    void CollectArguments();
+    void PushArguments(lua_State* state);
+
+    // luahost/AgentApp_Zippath.cpp
+    void AppendSpecification(const wxString& token, wxString& zippath);
+
+    // luahost/AgentApp_Runner.cpp
+    int ReportSetupFailure(const wxString& message, int status);
+
+    VelCore::CDom* m_dom = nullptr;                     // the root domain; owned
+    VelCore::CLuaInterpreter* m_interpreter = nullptr;  // owned
+    wxDateTime m_startTime;
+
+    // Written by OnCmdLineParsed, only read afterwards.
+    bool m_isMainAgent = false;
+    bool m_installPlugins = false;
+    bool m_background = false;
+    wxString m_extensionFolder;
+    wxString m_zippath;
+    wxString m_unitTestScript;
+
+    // What the Lua table `arg` will hold. A member, because a Lua error leaves SetupLua without running destructors.
+    std::vector<ScriptArgument> m_scriptArguments;
+
+    wxLocale m_locale;
+};
+
+/// The application object.
+wxDECLARE_APP(CAgentApp);

@@ -1,0 +1,52 @@
+// CAgentApp: the run modes of the application.
+//
+// Tested by: blackbox/test_run_modes.py.
+
+#include "AgentApp.h"
+
+#include <unistd.h>
+
+#include <wx/mstream.h>
+
+#include <VelCore/LuaInterpreter.h>
+#include <VelCore/Utf8.h>
+
+#include "luahost/Snippets.h"
+#include "luahost/StandardOutput.h"
+#include "shell/StandardStreams.h"
+
+namespace {
+
+// Seconds after which a test run's blocking call is interrupted. The alarm does not end the process.
+const unsigned int kTestAlarm = 600;
+
+} // namespace
+
+int CAgentApp::OnRunScript()
+{
+    return RunAppInteractively();
+}
+
+int CAgentApp::RunAppInteractively()
+{
+    int rc = RunAppInit();
+    if (rc == 0)
+        rc = m_unitTestScript.empty() ? RunAppMain() : RunUnitTests();
+    return rc == 0 ? RunAppShutdown() : rc;
+}
+
+int CAgentApp::RunUnitTests()
+{
+    if (m_unitTestScript.empty())
+        return 0;
+
+    CStandardOutput out;
+    alarm(kTestAlarm);
+    const std::string chunk = VelCore::ToUtf8(UnitTestChunk(m_unitTestScript));
+    wxMemoryInputStream in(chunk.data(), chunk.size());
+    const int rc = RunChunk(in, out.Stream(), L"tests.velunit");
+    out.Stream().Sync();
+    if (rc != 0)
+        WriteStandardError(m_interpreter->GetErrorInfo() + L"\n");
+    return rc;
+}

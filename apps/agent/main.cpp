@@ -1,0 +1,23 @@
+// The entry point: standard descriptors, the command line as text, and the framework.
+
+#include <wx/app.h>
+#include <wx/init.h>
+
+#include "AgentApp.h"
+#include "shell/CommandWords.h"
+#include "shell/StandardStreams.h"
+
+wxAppConsole* wxCreateApp()
+{
+    wxAppConsoleBase::CheckBuildOptions(WX_BUILD_OPTIONS_SIGNATURE, "your program");
+    return new CAgentApp;
+}
+
+static const wxAppInitializer g_registerFactory(wxCreateApp);
+
+int main(int argc, char** argv)
+{
+    OpenStandardDescriptors();
+    CCommandWords words(argc, argv);
+    return wxEntry(words.Count(), words.Words());
+}

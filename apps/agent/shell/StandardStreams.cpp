@@ -1,0 +1,29 @@
+// Standard descriptors and standard error.
+//
+// Tested by: blackbox/test_start.py.
+
+#include "shell/StandardStreams.h"
+
+#include <cerrno>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <VelCore/Utf8.h>
+
+void OpenStandardDescriptors()
+{
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        // open() takes the lowest free number, which is the one that was found closed.
+        if (fcntl(descriptor, F_GETFD) < 0 && errno == EBADF)
+            open("/dev/null", descriptor == STDIN_FILENO ? O_RDONLY : O_WRONLY);
+    }
+}
+
+void WriteStandardError(const wxString& text)
+{
+    const std::string bytes = VelCore::ToUtf8(text);
+    std::fflush(stdout);
+    std::fwrite(bytes.data(), 1, bytes.size(), stderr);
+}

@@ -1,0 +1,60 @@
+// CAgentApp: the order of a run, and the worker.
+//
+// Tested by: blackbox/test_run_modes.py, blackbox/test_exit_status.py.
+
+#include "AgentApp.h"
+
+#include <cstdlib>
+
+#include <wx/log.h>
+
+#include "luahost/ScriptThread.h"
+#include "shell/StandardStreams.h"
+#include "supervision/MainThreadStop.h"
+#include "supervision/Signals.h"
+
+int CAgentApp::OnRun()
+{
+    int exitCode = 0;
+    if (!EnterFipsMode(exitCode) || RefuseWhatIsMissing(exitCode))
+        return exitCode;
+
+    wxLog::SetLogLevel(wxLOG_Max);
+    RunWorker();
+}
+
+// Options of the command line that this release takes but cannot serve.
+bool CAgentApp::RefuseWhatIsMissing(int& exitCode) const
+{
+    const wchar_t* option = nullptr;
+    if (m_background)
+        option = L"--background";
+    else if (m_installPlugins)
+        option = L"--install_plugins";
+    if (!option)
+        return false;
+    WriteStandardError(wxString::Format(L"%s: %s is not available in this release\n", GetAppName(), option));
+    exitCode = 1;
+    return true;
+}
+
+void CAgentApp::RunWorker()
+{
+    RestoreChildSignal();
+    BlockSigterm();
+
+    CScriptThread script;
+    script.SetDom(m_dom);
+    if (!script.start(wxPRIORITY_DEFAULT, true, 0)) {
+        WriteStandardError(L"Unable to start the script thread\n");
+        std::exit(EXIT_FAILURE);
+    }
+
+    const int status = wxAppConsole::OnRun();
+    CMainThreadStop::Get().MarkStanding(); // from here on this thread only waits for the other one
+
+    script.requestExit();
+    script.join();
+    TerminationCleanup();
+    std::exit(status);
+}

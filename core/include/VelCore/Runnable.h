@@ -1,0 +1,87 @@
+// Runnable.h: a joinable thread that can be asked, woken and interrupted.
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+
+#include <pthread.h>
+
+#include <wx/thread.h>
+
+namespace VelCore {
+
+class CDom;
+
+/// Runs `OnRun` once, on a thread of its own, whose log records reach the log at once.
+///
+/// Ownership: the object has to outlive its thread; join it before it is destroyed.
+/// Threads:   every public member may be called from any thread; `join` from any but the runnable's own.
+class CRunnable : public wxThread
+{
+public:
+    /// The real-time signal that `interrupt` sends. The first `start` gives it a handler that does nothing, unless the
+    /// process has given it one.
+    static const int SigThreadDelete;
+
+    /// exitRequested  the thread finds exit requested from its beginning
+    /// status         what `join` gives until `OnRun` has returned
+    /// awakened       the first timed wait ends at once
+    CRunnable(bool exitRequested, int status, bool awakened);
+    ~CRunnable() override;
+
+    /// Starts the thread.
+    ///
+    /// priority        the framework's 0 to 100; 50 is the default
+    /// inheritSignals  true: the thread starts with the caller's signal mask; false: with every signal blocked
+    /// stackSize       bytes; 0 for 8 MiB, which Lua's recursion through C needs on systems whose default is small
+    ///
+    /// Errors: false when no thread could be made; the framework has logged why.
+    bool start(unsigned int priority, bool inheritSignals, unsigned int stackSize);
+
+    /// Waits for the thread's end, if it was started, and gives its status. May be called again.
+    int join();
+
+    /// Whether exit has been requested.
+    bool TestDestroy() override;
+
+    /// Waits up to `ms` milliseconds, or until exit is requested or `Awaken` is called. Returns whether exit has been
+    /// requested; `interrupted`, when not null, tells whether `Awaken` ended the wait.
+    virtual bool TestDestroy(unsigned int ms, bool* interrupted);
+
+    /// Ends the current timed wait, or else the next one.
+    virtual void Awaken();
+
+    /// Sends SigThreadDelete to the thread, if it runs, so that a blocking call returns with EINTR.
+    virtual void interrupt();
+
+    /// Asks the thread to end; ends a timed wait.
+    virtual void requestExit();
+
+    /// For debuggers and process listings; at most 15 characters are shown.
+    virtual const char* GetThreadName() const { return "CRunnable"; }
+
+    void SetDom(CDom* dom) { m_dom = dom; }
+    CDom* GetDom() const { return m_dom; }
+
+protected:
+    void* Entry() override;
+
+    /// The thread's work. The result is the status that `join` gives.
+    virtual int OnRun() = 0;
+
+private:
+    std::mutex m_mutex; // guards all below
+    std::condition_variable m_wake;
+    bool m_exitRequested;
+    bool m_awakened;
+    bool m_running = false; // between the thread's first and last action: m_thread is valid
+    pthread_t m_thread{};
+    int m_status;
+
+    std::mutex m_joinMutex; // held while one thread waits for the end; guards m_started
+    bool m_started = false; // and not joined yet
+
+    CDom* m_dom = nullptr; // not owned; set before the start
+};
+
+} // namespace VelCore

@@ -1,0 +1,171 @@
+// CDom: names and views over the store, and the root domain of the process.
+//
+// Tested by: unit/core/dom/DomTest.cpp.
+
+#include <VelCore/Dom.h>
+
+#include <atomic>
+
+#include <VelCore/Utf8.h>
+
+#include "dom/DomStore.h"
+
+namespace VelCore {
+namespace {
+
+std::atomic<CDom*> g_root{nullptr};
+std::atomic<std::uint64_t> g_settingsGeneration{1};
+
+// The settings that log and trace follow.
+bool IsFollowed(const std::string& key)
+{
+    return key.compare(0, 4, "app.") == 0 &&
+           (key == "app.trace" || key == "app.trace+" || key == "app.path.work" || key == "app.name");
+}
+
+void NoteSettingsChange()
+{
+    g_settingsGeneration.fetch_add(1, std::memory_order_release);
+}
+
+} // namespace
+
+CDom::CDom(std::shared_ptr<CDomStore> store, std::string prefix) :
+    m_store(std::move(store)), m_prefix(std::move(prefix))
+{
+}
+
+CDom* CDom::New(const char* name, CDom* parent, bool* existed, bool isolated)
+{
+    if (name && parent) {
+        if (existed)
+            *existed = !parent->Keys(name).empty();
+        return new CDom(parent->m_store, parent->m_prefix + name + '.');
+    }
+
+    if (existed)
+        *existed = false;
+    auto* dom = new CDom(std::make_shared<CDomStore>(), "");
+    if (!isolated) {
+        g_root.store(dom);
+        NoteSettingsChange();
+    }
+    return dom;
+}
+
+CDom::~CDom()
+{
+    CDom* self = this;
+    if (g_root.compare_exchange_strong(self, nullptr))
+        NoteSettingsChange();
+}
+
+CDom* CDom::Root()
+{
+    return g_root.load();
+}
+
+std::uint64_t CDom::SettingsGeneration()
+{
+    return g_settingsGeneration.load(std::memory_order_acquire);
+}
+
+void CDom::SetValue(const std::string& key, CDomValue value)
+{
+    const std::string name = m_prefix + key;
+    m_store->Set(name, std::move(value));
+    if (IsFollowed(name))
+        NoteSettingsChange();
+}
+
+void CDom::Set(const std::string& key, bool value)
+{
+    SetValue(key, CDomValue(value));
+}
+
+void CDom::Set(const std::string& key, const char* value)
+{
+    SetValue(key, CDomValue(std::string(value ? value : "")));
+}
+
+void CDom::Set(const std::string& key, const std::string& value)
+{
+    SetValue(key, CDomValue(value));
+}
+
+void CDom::Set(const std::string& key, double value)
+{
+    SetValue(key, CDomValue(value));
+}
+
+void CDom::SetWx(const wxString& key, const wxString& value)
+{
+    SetValue(ToUtf8(key), CDomValue(ToUtf8(value)));
+}
+
+void CDom::SetWx(const wxString& key, long long value)
+{
+    SetValue(ToUtf8(key), CDomValue(static_cast<std::int64_t>(value)));
+}
+
+void CDom::Remove(const std::string& key)
+{
+    const std::string name = m_prefix + key;
+    m_store->Remove(name);
+    if (IsFollowed(name))
+        NoteSettingsChange();
+}
+
+bool CDom::Read(const std::string& key, CDomValue& value) const
+{
+    return m_prefix.empty() ? m_store->Read(key, value) : m_store->Read(m_prefix + key, value);
+}
+
+std::string CDom::Get(const std::string& key) const
+{
+    CDomValue value;
+    return Read(key, value) ? DomValueText(value) : std::string();
+}
+
+bool CDom::Get(const std::string& key, bool& value) const
+{
+    CDomValue stored;
+    if (!Read(key, stored))
+        return false;
+    value = DomValueIsTrue(stored);
+    return true;
+}
+
+wxString CDom::GetWxString(const wxString& key) const
+{
+    return FromUtf8(Get(ToUtf8(key)));
+}
+
+bool CDom::Has(const std::string& key) const
+{
+    return m_store->Has(m_prefix + key);
+}
+
+std::vector<std::string> CDom::Keys(const std::string& prefix) const
+{
+    // A view hides its own name: the names it gives are the ones it takes.
+    const std::string viewName = m_prefix.substr(0, m_prefix.empty() ? 0 : m_prefix.size() - 1);
+    std::vector<std::string> keys = m_store->Keys(prefix.empty() ? viewName : m_prefix + prefix);
+    std::vector<std::string> shown;
+    shown.reserve(keys.size());
+    for (std::string& key : keys) {
+        if (key.size() > m_prefix.size() || m_prefix.empty())
+            shown.push_back(key.substr(m_prefix.size()));
+    }
+    return shown;
+}
+
+wxString CDom::GetPluginWorkdirWx(const wxString& name) const
+{
+    CDomValue work;
+    // Work folders hang below the root's, whichever view is asked.
+    const wxString folder = m_store->Read("app.path.work", work) ? FromUtf8(DomValueText(work)) : wxString();
+    return folder + L"/" + name;
+}
+
+} // namespace VelCore

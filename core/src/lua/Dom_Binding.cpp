@@ -1,0 +1,267 @@
+// What Lua sees of CDom.
+//
+// Lua leaves a failing function by longjmp, which runs no destructors. So the methods take their arguments first, then
+// use C++ objects only where no Lua function is called, or keep them in thread-local buffers.
+//
+// Tested by: unit/core/lua/DomBindingTest.cpp.
+
+#include <VelCore/DomBinding.h>
+
+#include <cmath>
+#include <cstring>
+
+#include <wx/log.h>
+
+#include <lua.hpp>
+
+#include <VelCore/Clock.h>
+#include <VelCore/Trace.h>
+#include <VelCore/Utf8.h>
+
+namespace {
+
+using VelCore::CDom;
+using VelCore::CDomValue;
+using VelCore::FromUtf8;
+
+struct Text
+{
+    const char* bytes;
+    std::size_t length;
+
+    std::string_view View() const { return {bytes, length}; }
+};
+
+thread_local std::string t_key;
+thread_local CDomValue t_value;
+thread_local std::vector<std::string> t_keys;
+
+// A Lua argument error that names the method, however it was called. `argument` counts behind the colon.
+int ArgumentError(lua_State* L, const char* method, int argument, const char* reason)
+{
+    return luaL_error(L, "bad argument #%d to '%s' (%s)", argument, method, reason);
+}
+
+int TypeError(lua_State* L, const char* method, int argument, const char* expected)
+{
+    const int at = argument + 1;
+    const char* got = lua_isnone(L, at) ? "no value" : luaL_typename(L, at);
+    return ArgumentError(L, method, argument, lua_pushfstring(L, "%s expected, got %s", expected, got));
+}
+
+// A string argument, or a number, which Lua turns into its text.
+Text CheckText(lua_State* L, const char* method, int argument)
+{
+    Text text{nullptr, 0};
+    text.bytes = lua_tolstring(L, argument + 1, &text.length);
+    if (!text.bytes)
+        TypeError(L, method, argument, "string");
+    return text;
+}
+
+// Sets t_key.
+const std::string& CheckKey(lua_State* L, const char* method)
+{
+    const Text key = CheckText(L, method, 1);
+    if (key.length == 0)
+        ArgumentError(L, method, 1, "empty key");
+    t_key.assign(key.bytes, key.length);
+    return t_key;
+}
+
+struct PushValue
+{
+    lua_State* L;
+
+    void operator()(bool value) const { lua_pushboolean(L, value); }
+    void operator()(std::int64_t value) const { lua_pushnumber(L, static_cast<lua_Number>(value)); }
+    void operator()(double value) const { lua_pushnumber(L, value); }
+    void operator()(const std::string& value) const { lua_pushlstring(L, value.data(), value.size()); }
+};
+
+int Get(lua_State* L)
+{
+    const CDom& dom = SLB3::Self<CDom>(L, "Get");
+    if (dom.Read(CheckKey(L, "Get"), t_value)) {
+        std::visit(PushValue{L}, t_value);
+        return 1;
+    }
+    lua_settop(L, 3); // the default, or nil
+    return 1;
+}
+
+// Whole numbers that fit become integers, all others stay as they are.
+CDomValue NumberValue(lua_Number number)
+{
+    const lua_Number limit = 9223372036854775808.0; // 2^63
+    if (number >= -limit && number < limit && std::floor(number) == number)
+        return static_cast<std::int64_t>(number);
+    return number;
+}
+
+int Set(lua_State* L)
+{
+    CDom& dom = SLB3::Self<CDom>(L, "Set");
+    const std::string& key = CheckKey(L, "Set");
+    switch (lua_type(L, 3)) {
+    case LUA_TNIL:
+        dom.Remove(key);
+        return 0;
+    case LUA_TBOOLEAN:
+        dom.Set(key, lua_toboolean(L, 3) != 0);
+        return 0;
+    case LUA_TNUMBER:
+        dom.SetValue(key, NumberValue(lua_tonumber(L, 3)));
+        return 0;
+    case LUA_TSTRING: {
+        const Text value = CheckText(L, "Set", 2);
+        dom.SetValue(key, std::string(value.View()));
+        return 0;
+    }
+    default:
+        return TypeError(L, "Set", 2, "string, boolean, number or nil");
+    }
+}
+
+int Has(lua_State* L)
+{
+    const CDom& dom = SLB3::Self<CDom>(L, "Has");
+    lua_pushboolean(L, dom.Has(CheckKey(L, "Has")));
+    return 1;
+}
+
+int Keys(lua_State* L)
+{
+    const CDom& dom = SLB3::Self<CDom>(L, "Keys");
+    if (lua_isnoneornil(L, 2)) {
+        t_key.clear();
+    } else {
+        const Text prefix = CheckText(L, "Keys", 1);
+        t_key.assign(prefix.bytes, prefix.length);
+    }
+    t_keys = dom.Keys(t_key);
+    lua_createtable(L, static_cast<int>(t_keys.size()), 0);
+    int at = 0;
+    for (const std::string& key : t_keys) {
+        lua_pushlstring(L, key.data(), key.size());
+        lua_rawseti(L, -2, ++at);
+    }
+    t_keys.clear();
+    return 1;
+}
+
+int GetPluginWorkdir(lua_State* L)
+{
+    const CDom& dom = SLB3::Self<CDom>(L, "GetPluginWorkdir");
+    const Text name = CheckText(L, "GetPluginWorkdir", 1);
+    t_key = VelCore::ToUtf8(dom.GetPluginWorkdirWx(FromUtf8(name.View())));
+    lua_pushlstring(L, t_key.data(), t_key.size());
+    return 1;
+}
+
+struct LogLevel
+{
+    const char* name;
+    wxLogLevel level;
+};
+
+const LogLevel kLogLevels[] = {
+    {"error", wxLOG_Error}, {"warning", wxLOG_Warning}, {"message", wxLOG_Message}, {"verbose", wxLOG_Info}};
+
+const LogLevel* FindLevel(const char* name)
+{
+    for (const LogLevel& level : kLogLevels) {
+        if (std::strcmp(level.name, name) == 0)
+            return &level;
+    }
+    return nullptr;
+}
+
+// The text is an argument of the format, never the format.
+void WriteLog(wxLogLevel level, std::string_view text)
+{
+    if (level == wxLOG_Info)
+        wxLogVerbose(L"%s", FromUtf8(text));
+    else
+        wxLogGeneric(level, L"%s", FromUtf8(text));
+}
+
+int Log(lua_State* L)
+{
+    SLB3::Self<CDom>(L, "Log");
+    const Text name = CheckText(L, "Log", 1);
+    const Text text = CheckText(L, "Log", 2);
+    const LogLevel* level = FindLevel(name.bytes);
+    if (!level)
+        return ArgumentError(L, "Log", 1, lua_pushfstring(L, "unknown level '%s'", name.bytes));
+    WriteLog(level->level, text.View());
+    return 0;
+}
+
+// The file behind a chunk name: "@" and "=" only say what kind of name follows.
+const char* SourceName(const lua_Debug& caller)
+{
+    return caller.source[0] == '@' || caller.source[0] == '=' ? caller.source + 1 : caller.short_src;
+}
+
+const char* FunctionName(const lua_Debug& caller)
+{
+    if (caller.name)
+        return caller.name;
+    return std::strcmp(caller.what, "main") == 0 ? "main chunk" : "?";
+}
+
+int LogTrace(lua_State* L)
+{
+    SLB3::Self<CDom>(L, "LogTrace");
+    const Text module = CheckText(L, "LogTrace", 1);
+    const Text text = CheckText(L, "LogTrace", 2);
+
+    lua_Debug caller{};
+    caller.source = "=?";
+    caller.what = "";
+    if (lua_getstack(L, 1, &caller))
+        lua_getinfo(L, "nSl", &caller);
+    VelCore::LogTrace(FromUtf8(module.View()), SourceName(caller), caller.currentline, FunctionName(caller),
+                      FromUtf8(text.View()));
+    return 0;
+}
+
+int LogTraceIsEnabled(lua_State* L)
+{
+    SLB3::Self<CDom>(L, "LogTraceIsEnabled");
+    const Text module = CheckText(L, "LogTraceIsEnabled", 1);
+    lua_pushboolean(L, VelCore::LogTraceIsEnabled(FromUtf8(module.View())));
+    return 1;
+}
+
+int TimeNowMillis(lua_State* L)
+{
+    SLB3::Self<CDom>(L, "TimeNowMillis");
+    lua_pushnumber(L, static_cast<lua_Number>(VelCore::TimeNowMillis()));
+    return 1;
+}
+
+const luaL_Reg kMethods[] = {
+    {"Get", Get},
+    {"GetPluginWorkdir", GetPluginWorkdir},
+    {"Has", Has},
+    {"Keys", Keys},
+    {"Log", Log},
+    {"LogTrace", LogTrace},
+    {"LogTraceIsEnabled", LogTraceIsEnabled},
+    {"Set", Set},
+    {"TimeNowMillis", TimeNowMillis},
+};
+
+} // namespace
+
+namespace SLB3 {
+
+void Wrapper<VelCore::CDom>::Register(lua_State* L, int namespaceAt)
+{
+    for (const luaL_Reg& method : kMethods)
+        AddMethod<VelCore::CDom>(L, namespaceAt, method.name, method.func);
+}
+
+} // namespace SLB3

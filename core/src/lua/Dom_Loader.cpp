@@ -1,0 +1,136 @@
+// CDom: the searcher that finds Lua modules in archives.
+//
+// Lua leaves a failing function by longjmp, which runs no destructors, so what the searcher works with lives in
+// thread-local buffers and in a userdata that Lua collects.
+//
+// Tested by: unit/core/lua/DomLoaderTest.cpp, blackbox/test_modules.py.
+
+#include <VelCore/Dom.h>
+
+#include <algorithm>
+#include <memory>
+#include <new>
+
+#include <lua.hpp>
+
+#include "archive/ZipArchive.h"
+#include "lua/ModuleIndex.h"
+#include "lua/TextChunk.h"
+
+namespace VelCore {
+namespace {
+
+// Behind the searchers for preloaded modules and Lua files, ahead of those for C modules.
+const int kArchiveSearcher = 3;
+
+using IndexPointer = std::unique_ptr<const CModuleIndex>;
+
+// Kept between calls up to this size, so that loading many small modules allocates once.
+const std::size_t kKeptBytes = 256 * 1024;
+
+struct Buffers
+{
+    std::string path;      // of the module: its name with "/" for "."
+    std::string chunkName; // "@<archive>/<entry>"
+    std::string content;
+    std::string text; // of an error, or why the content cannot be read
+};
+thread_local Buffers t_buffers;
+
+int CollectIndex(lua_State* L)
+{
+    static_cast<IndexPointer*>(lua_touserdata(L, 1))->~IndexPointer();
+    return 0;
+}
+
+// Fills the buffers; false with the error's text when the entry is damaged.
+bool ReadModule(const ArchivedModule& module, const char* name)
+{
+    Buffers& buffers = t_buffers;
+    buffers.chunkName.assign("@").append(module.archive->Path()).append("/").append(module.entry->name);
+    std::string reason;
+    if (module.archive->Read(*module.entry, buffers.content, reason))
+        return true;
+    buffers.text.assign("error loading module '").append(name).append("' from archive '");
+    buffers.text.append(module.archive->Path()).append("', entry '").append(module.entry->name).append("': ");
+    buffers.text.append(reason);
+    return false;
+}
+
+void ReleaseContent()
+{
+    t_buffers.content.clear();
+    if (t_buffers.content.capacity() > kKeptBytes)
+        t_buffers.content.shrink_to_fit();
+}
+
+const ArchivedModule* FindModule(const CModuleIndex& index, const char* name, std::size_t length)
+{
+    t_buffers.path.assign(name, length);
+    std::replace(t_buffers.path.begin(), t_buffers.path.end(), '.', '/');
+    return index.Find(t_buffers.path);
+}
+
+// stack: module name -> loader and its second argument, or a text that says where the module was not found.
+// Upvalue: the index.
+int SearchArchives(lua_State* L)
+{
+    std::size_t length = 0;
+    const char* name = luaL_checklstring(L, 1, &length);
+    const CModuleIndex& index = **static_cast<IndexPointer*>(lua_touserdata(L, lua_upvalueindex(1)));
+
+    const ArchivedModule* module = FindModule(index, name, length);
+    if (!module) {
+        t_buffers.text = index.NotFoundText(std::string_view(name, length));
+        lua_pushlstring(L, t_buffers.text.data(), t_buffers.text.size());
+        return 1;
+    }
+    if (!ReadModule(*module, name)) {
+        lua_pushlstring(L, t_buffers.text.data(), t_buffers.text.size());
+        return lua_error(L);
+    }
+
+    const char* chunkName = t_buffers.chunkName.c_str();
+    const int status = LoadText(L, t_buffers.content, chunkName);
+    ReleaseContent();
+    if (status != LUA_OK)
+        return luaL_error(L, "error loading module '%s' from archive entry '%s':\n\t%s", name, chunkName + 1,
+                          lua_tostring(L, -1));
+    lua_pushstring(L, chunkName + 1);
+    return 2;
+}
+
+// stack: searchers -> searchers, searcher
+void PushSearcher(lua_State* L, const CDom& dom)
+{
+    auto* index = static_cast<IndexPointer*>(lua_newuserdata(L, sizeof(IndexPointer)));
+    new (index) IndexPointer;
+    lua_createtable(L, 0, 1);
+    lua_pushcfunction(L, CollectIndex);
+    lua_setfield(L, -2, "__gc");
+    lua_setmetatable(L, -2);
+    *index = std::make_unique<const CModuleIndex>(dom.Get("app.lua.zippath"));
+    lua_pushcclosure(L, SearchArchives, 1);
+}
+
+} // namespace
+
+void CDom::RegisterLoader(lua_State* L) const
+{
+    const int top = lua_gettop(L);
+    luaL_checkstack(L, 5, "module searchers");
+    lua_getglobal(L, "package");
+    lua_getfield(L, -1, "searchers");
+    const int searchers = lua_gettop(L);
+    luaL_checktype(L, searchers, LUA_TTABLE);
+
+    for (auto at = static_cast<int>(lua_rawlen(L, searchers)); at >= kArchiveSearcher; --at) {
+        lua_rawgeti(L, searchers, at);
+        lua_rawseti(L, searchers, at + 1);
+    }
+    PushSearcher(L, *this);
+    lua_rawseti(L, searchers, kArchiveSearcher);
+    lua_settop(L, top);
+}
+
+} // namespace VelCore

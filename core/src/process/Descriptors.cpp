@@ -1,0 +1,44 @@
+// Whole writes and whole paths.
+//
+// Tested by: unit/core/process/DescriptorsTest.cpp.
+
+#include "process/Descriptors.h"
+
+#include <cerrno>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace VelCore {
+
+std::size_t WriteAll(int descriptor, std::string_view bytes)
+{
+    std::size_t written = 0;
+    while (written < bytes.size()) {
+        const ssize_t part = write(descriptor, bytes.data() + written, bytes.size() - written);
+        if (part > 0) {
+            written += static_cast<std::size_t>(part);
+        } else if (part == 0) {
+            errno = EIO; // no progress and no reason: do not try for ever
+            break;
+        } else if (errno != EINTR) {
+            break;
+        }
+    }
+    return written;
+}
+
+bool MakeFolders(const std::string& path, mode_t mode)
+{
+    struct stat status{};
+    if (stat(path.c_str(), &status) == 0) {
+        errno = ENOTDIR;
+        return S_ISDIR(status.st_mode);
+    }
+    const std::size_t slash = path.find_last_of('/');
+    if (slash != std::string::npos && slash > 0 && !MakeFolders(path.substr(0, slash), mode))
+        return false;
+    return mkdir(path.c_str(), mode) == 0 || errno == EEXIST;
+}
+
+} // namespace VelCore

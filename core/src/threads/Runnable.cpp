@@ -1,0 +1,141 @@
+// CRunnable over the framework's thread.
+//
+// Tested by: unit/core/threads/RunnableTest.cpp.
+
+#include <VelCore/Runnable.h>
+
+#include <chrono>
+#include <csignal>
+
+#include <wx/log.h>
+
+namespace VelCore {
+namespace {
+
+const unsigned int kStackSize = 8 * 1024 * 1024;
+
+void IgnoreInterruption(int) {}
+
+// The default action of a real-time signal would end the process.
+void GiveSignalAHandler(int signal)
+{
+    struct sigaction current{};
+    sigaction(signal, nullptr, &current);
+    if (current.sa_handler != SIG_DFL)
+        return;
+    struct sigaction action{};
+    action.sa_handler = IgnoreInterruption;
+    sigemptyset(&action.sa_mask);
+    sigaction(signal, &action, nullptr);
+}
+
+} // namespace
+
+// The first real-time signals belong to the C library on some systems.
+const int CRunnable::SigThreadDelete = SIGRTMIN + 4;
+
+CRunnable::CRunnable(bool exitRequested, int status, bool awakened) :
+    wxThread(wxTHREAD_JOINABLE), m_exitRequested(exitRequested), m_awakened(awakened), m_status(status)
+{
+}
+
+CRunnable::~CRunnable() = default;
+
+bool CRunnable::start(unsigned int priority, bool inheritSignals, unsigned int stackSize)
+{
+    // The thread logs through this target; it has to exist, and only the main thread's first use makes it.
+    wxLog::GetActiveTarget();
+    GiveSignalAHandler(SigThreadDelete);
+
+    const std::lock_guard lock(m_joinMutex);
+    if (m_started || Create(stackSize == 0 ? kStackSize : stackSize) != wxTHREAD_NO_ERROR)
+        return false;
+    if (priority != wxPRIORITY_DEFAULT)
+        SetPriority(priority);
+
+    sigset_t all;
+    sigset_t callers;
+    sigfillset(&all);
+    if (!inheritSignals)
+        pthread_sigmask(SIG_SETMASK, &all, &callers);
+    m_started = Run() == wxTHREAD_NO_ERROR;
+    if (!inheritSignals)
+        pthread_sigmask(SIG_SETMASK, &callers, nullptr);
+    return m_started;
+}
+
+int CRunnable::join()
+{
+    const std::lock_guard joining(m_joinMutex);
+    if (m_started) {
+        Wait(wxTHREAD_WAIT_BLOCK);
+        m_started = false;
+    }
+    const std::lock_guard lock(m_mutex);
+    return m_status;
+}
+
+void* CRunnable::Entry()
+{
+    // Also when OnRun leaves by an exception, which the framework reports.
+    struct CRunningMark
+    {
+        explicit CRunningMark(CRunnable& runnable) : m_runnable(runnable) { Mark(true); }
+        ~CRunningMark() { Mark(false); }
+        void Mark(bool running) const
+        {
+            const std::lock_guard lock(m_runnable.m_mutex);
+            m_runnable.m_thread = pthread_self();
+            m_runnable.m_running = running;
+        }
+        CRunnable& m_runnable;
+    };
+
+    wxLog::SetThreadActiveTarget(wxLog::GetActiveTarget());
+    SetNameForCurrent(wxString::FromUTF8(GetThreadName()));
+
+    const CRunningMark mark(*this);
+    const int status = OnRun();
+    const std::lock_guard lock(m_mutex);
+    m_status = status;
+    return nullptr;
+}
+
+bool CRunnable::TestDestroy()
+{
+    const std::lock_guard lock(m_mutex);
+    return m_exitRequested;
+}
+
+bool CRunnable::TestDestroy(unsigned int ms, bool* interrupted)
+{
+    std::unique_lock lock(m_mutex);
+    m_wake.wait_for(lock, std::chrono::milliseconds(ms), [this] { return m_exitRequested || m_awakened; });
+    if (interrupted)
+        *interrupted = m_awakened;
+    m_awakened = false;
+    return m_exitRequested;
+}
+
+void CRunnable::Awaken()
+{
+    const std::lock_guard lock(m_mutex);
+    m_awakened = true;
+    m_wake.notify_all();
+}
+
+void CRunnable::interrupt()
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_running)
+        pthread_kill(m_thread, SigThreadDelete);
+}
+
+void CRunnable::requestExit()
+{
+    const std::lock_guard lock(m_mutex);
+    m_exitRequested = true;
+    m_wake.notify_all();
+}
+
+} // namespace VelCore

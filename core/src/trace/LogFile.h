@@ -1,0 +1,63 @@
+// LogFile.h: the file behind log and trace.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+namespace VelCore {
+
+/// Appends records to `<app.path.work>/log/<app.name>.log` of the root domain, follows those settings when they
+/// change, and rotates the file.
+///
+/// Several processes may share the file: each record is one append, and the rotation is done by one of them under a
+/// lock on the file, while the others notice by the size of the file they still hold.
+///
+/// Errors:    a record that the file does not take goes to standard error, after one line that says why.
+/// Ownership: one for the process, never destroyed, because threads may still log while the process ends.
+/// Threads:   any. Forking is safe while no other thread logs.
+class CLogFile
+{
+public:
+    static const std::int64_t s_RotateAt = 10 * 1024 * 1024; // bytes
+    static const int s_OldFiles = 5;
+
+    static CLogFile& Get();
+
+    /// Writes one record; it is in the file when the call returns.
+    ///
+    /// when   seconds since the epoch, shown in local time by the framework log's time-stamp format
+    /// level  the level word
+    /// text   UTF-8, escaped here
+    void Append(std::time_t when, std::string_view level, std::string_view text);
+
+    /// Switches showing records on a terminal off and on again for the calling thread; calls nest.
+    static void QuietTerminal(bool quiet);
+
+private:
+    CLogFile() = default;
+
+    void FollowSettings();
+    bool Open(std::string& reason);
+    void Close();
+    bool MakeFolder(std::string& reason);
+    bool ReadyToWrite(std::string& reason);
+    bool Rotate();
+    bool ShiftOldFiles();
+    bool WriteLine(const std::string& line, std::string& reason);
+    void WriteToStandardError(const std::string& line, const std::string& reason);
+
+    std::mutex m_mutex;
+    std::uint64_t m_generation = 0;       // of the settings that the path was made from
+    std::string m_work;                   // the work folder; empty: not known yet
+    std::string m_fileName;               // of the log file in its folder
+    int m_folder = -1;                    // descriptor of the log folder
+    int m_file = -1;                      // descriptor of the log file
+    std::int64_t m_rotateAt = s_RotateAt; // moved on when a rotation fails
+    bool m_torn = false;                  // the last write ended in the middle of a line
+    std::string m_lastReason;             // why the last record did not reach the file; empty: it did
+};
+
+} // namespace VelCore

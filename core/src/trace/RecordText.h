@@ -1,0 +1,20 @@
+// RecordText.h: one log record as one line.
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <string_view>
+
+namespace VelCore {
+
+/// `text` without anything that could end the line, move a cursor or forge a record: control characters, the line
+/// and paragraph separators, and bytes that are not UTF-8 are shown as escapes (`\n`, `\r`, `\t`, `\x1b`, `\u2028`).
+std::string EscapeControls(std::string_view text);
+
+/// The line, with its line feed: `<stamp> [<pid>] <level>: <text>`. `text` is escaped here.
+std::string RecordLine(std::string_view stamp, long pid, std::string_view level, std::string_view text);
+
+/// A file name made of an application name: "/" and control characters become "_".
+std::string LogFileStem(std::string_view applicationName);
+
+} // namespace VelCore
