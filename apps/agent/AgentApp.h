@@ -105,8 +105,8 @@ private:
     // luahost/AgentApp_Runner.cpp
     int ReportSetupFailure(const wxString& message, int status);
 
-    VelCore::CDom* m_dom = nullptr;                     // the root domain; owned
-    VelCore::CLuaInterpreter* m_interpreter = nullptr;  // owned
+    VelCore::CDom* m_dom = nullptr;                    // the root domain; owned
+    VelCore::CLuaInterpreter* m_interpreter = nullptr; // owned
     wxDateTime m_startTime;
 
     // Written by OnCmdLineParsed, only read afterwards.

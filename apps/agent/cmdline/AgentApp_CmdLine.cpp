@@ -147,9 +147,10 @@ void CAgentApp::TakeTestMode(const wxCmdLineParser& parser)
 void CAgentApp::TakeConfiguration()
 {
     // Both names are read back from the domain, where --domain_var may have redirected them.
-    auto opened = std::make_unique<wxFileConfig>(GetAppName(), GetVendorName(), m_dom->GetWxString(DomainKeys::kPathIni),
-                                                 m_dom->GetWxString(DomainKeys::kPathIniGlobal),
-                                                 wxCONFIG_USE_LOCAL_FILE | wxCONFIG_USE_GLOBAL_FILE, wxConvAuto());
+    auto opened =
+        std::make_unique<wxFileConfig>(GetAppName(), GetVendorName(), m_dom->GetWxString(DomainKeys::kPathIni),
+                                       m_dom->GetWxString(DomainKeys::kPathIniGlobal),
+                                       wxCONFIG_USE_LOCAL_FILE | wxCONFIG_USE_GLOBAL_FILE, wxConvAuto());
     delete wxConfigBase::Set(opened.release());
 
     const ConfigSettings settings = ReadConfigSettings(*wxConfigBase::Get(), GetAppName(), m_isMainAgent);

@@ -17,14 +17,14 @@ struct Option
 };
 
 const Option kOptions[] = {
-    {true, L"a", Options::kAppName, L"the name of this application (default is based on the name of the executable file)."},
+    {true, L"a", Options::kAppName,
+     L"the name of this application (default is based on the name of the executable file)."},
     {false, L"b", Options::kBackground, L"run as a Windows service or Unix daemon process."},
     {true, L"c", Options::kLuaCPath, L"add the supplied value at the front of the search path for Lua C libraries."},
     {true, L"d", Options::kDomainVar, L"sets domain variable; name=value format."},
     {true, L"e", Options::kExtDir,
      L"extension folder. All *.kxe files from this folder are added to the Lua search path."},
-    {false, L"i", Options::kInstallPlugins,
-     L"install all *.kxp files found in the same folder as the executable."},
+    {false, L"i", Options::kInstallPlugins, L"install all *.kxp files found in the same folder as the executable."},
     {true, L"l", Options::kLuaPath, L"add the supplied value at the front of the search path for Lua libraries."},
     {true, L"p", Options::kPlugins, L"comma delimited list of plugins to enable."},
     {true, L"t", Options::kTrace, L"enable tracing for the specified set of module names, separated by commas."},

@@ -72,8 +72,7 @@ int CAgentApp::RunAppShutdown()
 int CAgentApp::RunAppMethod(const wchar_t* name)
 {
     if (LogTraceIsEnabled(s_Trace))
-        LogTrace(s_Trace, __FILE__, __LINE__, "RunAppMethod",
-                 wxString::Format(L"Running app's Lua method '%s'", name));
+        LogTrace(s_Trace, __FILE__, __LINE__, "RunAppMethod", wxString::Format(L"Running app's Lua method '%s'", name));
     return RunCodeSnippet(MethodSnippet(name));
 }
 
@@ -104,7 +103,6 @@ int CAgentApp::RunChunk(wxInputStream& in, wxOutputStream& out, const wxString& 
     }
 
     if (LogTraceIsEnabled(s_Trace))
-        LogTrace(s_Trace, __FILE__, __LINE__, function,
-                 wxString::Format(L"Chunk produced a return value of %d", rc));
+        LogTrace(s_Trace, __FILE__, __LINE__, function, wxString::Format(L"Chunk produced a return value of %d", rc));
     return rc;
 }

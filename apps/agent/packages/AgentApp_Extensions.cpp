@@ -32,9 +32,8 @@ bool CAgentApp::ExtensionVersionIsOK(const wxString& extensionFile)
 {
     const wxString versionFile = extensionFile + L".version";
     if (!wxFileExists(versionFile)) {
-        wxLogWarning(
-            L"Extension file '%s' does not have a corresponding '.version' file. It will not be enabled.",
-            extensionFile);
+        wxLogWarning(L"Extension file '%s' does not have a corresponding '.version' file. It will not be enabled.",
+                     extensionFile);
         return false;
     }
     const auto line = ReadVersionLine(versionFile);

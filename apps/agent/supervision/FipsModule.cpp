@@ -21,7 +21,9 @@ namespace {
 bool HoldsModule(const std::string& folder)
 {
     const std::string file = folder + "/fips" + OPENSSL_info(OPENSSL_INFO_DSO_EXTENSION);
-    struct stat status{};
+    struct stat status
+    {
+    };
     return stat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 

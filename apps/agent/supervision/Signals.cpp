@@ -15,7 +15,9 @@ namespace {
 
 void SetDisposition(int signal, void (*handler)(int), int flags)
 {
-    struct sigaction action{};
+    struct sigaction action
+    {
+    };
     action.sa_handler = handler;
     action.sa_flags = flags;
     sigemptyset(&action.sa_mask);

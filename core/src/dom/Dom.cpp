@@ -30,8 +30,8 @@ void NoteSettingsChange()
 
 } // namespace
 
-CDom::CDom(std::shared_ptr<CDomStore> store, std::string prefix) :
-    m_store(std::move(store)), m_prefix(std::move(prefix))
+CDom::CDom(std::shared_ptr<CDomStore> store, std::string prefix)
+    : m_store(std::move(store)), m_prefix(std::move(prefix))
 {
 }
 

@@ -90,8 +90,8 @@ std::string ReadAll(wxInputStream& in)
 
 } // namespace
 
-CLuaInterpreter::CLuaInterpreter(bool showFailures, const wchar_t* name, bool openLibraries) :
-    m_showFailures(showFailures), m_name(ToUtf8(name))
+CLuaInterpreter::CLuaInterpreter(bool showFailures, const wchar_t* name, bool openLibraries)
+    : m_showFailures(showFailures), m_name(ToUtf8(name))
 {
     m_state = luaL_newstate();
     if (!m_state) {
@@ -130,8 +130,7 @@ bool CLuaInterpreter::SetPackagePaths(const std::string& bin, const std::string&
     return lua_pcall(m_state, 2, 0, 0) == LUA_OK;
 }
 
-int CLuaInterpreter::RunScript(wxInputStream& in, int arguments, int results, const wxString& name,
-                               wxOutputStream* out)
+int CLuaInterpreter::RunScript(wxInputStream& in, int arguments, int results, const wxString& name, wxOutputStream* out)
 {
     if (!m_state)
         return LUA_ERRMEM;

@@ -69,8 +69,7 @@ bool OpenPipe(PipeHandle& handle, const char* command, bool childWrites)
     const int ourEnd = childWrites ? ends[0] : ends[1];
 
     FILE* file = fdopen(ourEnd, childWrites ? "r" : "w");
-    const pid_t child =
-        file ? SpawnShell(command, {childsEnd, childWrites ? STDOUT_FILENO : STDIN_FILENO}) : -1;
+    const pid_t child = file ? SpawnShell(command, {childsEnd, childWrites ? STDOUT_FILENO : STDIN_FILENO}) : -1;
     const int error = errno;
     close(childsEnd);
     if (child < 0) {

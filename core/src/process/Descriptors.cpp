@@ -30,7 +30,9 @@ std::size_t WriteAll(int descriptor, std::string_view bytes)
 
 bool MakeFolders(const std::string& path, mode_t mode)
 {
-    struct stat status{};
+    struct stat status
+    {
+    };
     if (stat(path.c_str(), &status) == 0) {
         errno = ENOTDIR;
         return S_ISDIR(status.st_mode);

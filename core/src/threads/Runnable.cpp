@@ -19,11 +19,15 @@ void IgnoreInterruption(int) {}
 // The default action of a real-time signal would end the process.
 void GiveSignalAHandler(int signal)
 {
-    struct sigaction current{};
+    struct sigaction current
+    {
+    };
     sigaction(signal, nullptr, &current);
     if (current.sa_handler != SIG_DFL)
         return;
-    struct sigaction action{};
+    struct sigaction action
+    {
+    };
     action.sa_handler = IgnoreInterruption;
     sigemptyset(&action.sa_mask);
     sigaction(signal, &action, nullptr);
@@ -34,8 +38,8 @@ void GiveSignalAHandler(int signal)
 // The first real-time signals belong to the C library on some systems.
 const int CRunnable::SigThreadDelete = SIGRTMIN + 4;
 
-CRunnable::CRunnable(bool exitRequested, int status, bool awakened) :
-    wxThread(wxTHREAD_JOINABLE), m_exitRequested(exitRequested), m_awakened(awakened), m_status(status)
+CRunnable::CRunnable(bool exitRequested, int status, bool awakened)
+    : wxThread(wxTHREAD_JOINABLE), m_exitRequested(exitRequested), m_awakened(awakened), m_status(status)
 {
 }
 

@@ -39,8 +39,7 @@ const std::string& Stamp(std::time_t when)
         std::tm local{};
         localtime_r(&when, &local);
         char text[128];
-        const std::size_t length =
-            std::strftime(text, sizeof text, ToUtf8(wxLog::GetTimestamp()).c_str(), &local);
+        const std::size_t length = std::strftime(text, sizeof text, ToUtf8(wxLog::GetTimestamp()).c_str(), &local);
         t_stamp.assign(text, length);
         t_when = when;
     }
@@ -109,7 +108,9 @@ bool CLogFile::ReadyToWrite(std::string& reason)
         if (m_file < 0 && !Open(reason))
             return false;
 
-        struct stat status{};
+        struct stat status
+        {
+        };
         if (fstat(m_file, &status) != 0) {
             reason = SystemReason("cannot look at log file", m_fileName);
             return false;
@@ -147,9 +148,11 @@ bool CLogFile::Open(std::string& reason)
 
     // A link, a fifo or somebody else's file in the log's place must neither be followed nor block.
     const std::string path = m_work + "/log/" + m_fileName;
-    m_file = openat(m_folder, m_fileName.c_str(),
-                    O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
-    struct stat status{};
+    m_file =
+        openat(m_folder, m_fileName.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    struct stat status
+    {
+    };
     if (m_file < 0 || fstat(m_file, &status) != 0) {
         reason = SystemReason("cannot open log file", path);
     } else if (!S_ISREG(status.st_mode)) {
@@ -176,7 +179,9 @@ void CLogFile::Close()
 // Moves the full file away, unless another process has done so. Returns whether there is another file to look at.
 bool CLogFile::Rotate()
 {
-    struct flock whole{};
+    struct flock whole
+    {
+    };
     whole.l_type = F_WRLCK;
     whole.l_whence = SEEK_SET;
     while (fcntl(m_file, F_SETLKW, &whole) != 0) {
@@ -184,8 +189,12 @@ bool CLogFile::Rotate()
             return false; // no locks here: one long file is better than a lost record
     }
 
-    struct stat ours{};
-    struct stat current{};
+    struct stat ours
+    {
+    };
+    struct stat current
+    {
+    };
     const bool isCurrent = fstat(m_file, &ours) == 0 &&
                            fstatat(m_folder, m_fileName.c_str(), &current, AT_SYMLINK_NOFOLLOW) == 0 &&
                            ours.st_dev == current.st_dev && ours.st_ino == current.st_ino;
@@ -204,7 +213,9 @@ bool CLogFile::Rotate()
 bool CLogFile::ShiftOldFiles()
 {
     const auto nameOf = [this](int number) { return m_fileName + "." + std::to_string(number); };
-    struct stat status{};
+    struct stat status
+    {
+    };
     int last = 1;
     while (last < s_OldFiles && fstatat(m_folder, nameOf(last).c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
         ++last;

@@ -10,9 +10,9 @@ namespace SLB3 {
 /// Ownership: instances are static data of the binding; Lua refers to them by address.
 struct ClassInfo
 {
-    const char* name;                                      ///< class name, also the registry key of its metatable
+    const char* name;                                       ///< class name, also the registry key of its metatable
     void (*registerMethods)(lua_State* L, int namespaceAt); ///< adds the methods to the namespace table
-    int (*collect)(lua_State* L);                          ///< the metatable's `__gc`
+    int (*collect)(lua_State* L);                           ///< the metatable's `__gc`
 };
 
 /// Pushes the class's metatable, defining the class first when this state does not know it yet.

@@ -22,7 +22,7 @@ struct Object
 inline void* Unpack(const Object& object)
 {
     if (object.storage != Storage::Pointer)
-        SLB3_ASSERT(!"Invalid object");
+        AssertFailed("!\"Invalid object\"", __FILE__, __LINE__);
     return object.pointer;
 }
 

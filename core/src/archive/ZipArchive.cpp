@@ -1,0 +1,130 @@
+// CZipArchive: the file behind an archive.
+//
+// Tested by: unit/core/archive/ZipArchiveTest.cpp.
+
+#include "archive/ZipArchive.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <system_error>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace VelCore {
+
+namespace {
+
+std::string DescribeError(const char* what, int errorNumber)
+{
+    return std::string(what) + ": " + std::generic_category().message(errorNumber);
+}
+
+} // namespace
+
+/// An open file; owns its descriptor.
+class CZipArchive::FileSource : public ByteSource
+{
+public:
+    explicit FileSource(int descriptor) : m_descriptor(descriptor) {}
+    ~FileSource() override { ::close(m_descriptor); }
+    FileSource(const FileSource&) = delete;
+    FileSource& operator=(const FileSource&) = delete;
+
+    // Takes the size; only a regular file has one that means anything.
+    bool Examine(std::string& reason)
+    {
+        struct stat status;
+        if (::fstat(m_descriptor, &status) != 0) {
+            reason = DescribeError("cannot open", errno);
+            return false;
+        }
+        if (!S_ISREG(status.st_mode)) {
+            reason = "not a regular file";
+            return false;
+        }
+        m_size = static_cast<std::uint64_t>(status.st_size);
+        return true;
+    }
+
+    bool ReadAt(std::uint64_t offset, void* buffer, std::size_t length, std::string& reason) const override
+    {
+        auto* next = static_cast<char*>(buffer);
+        while (length > 0) {
+            const ssize_t count = ::pread(m_descriptor, next, length, static_cast<off_t>(offset));
+            if (count < 0 && errno == EINTR)
+                continue;
+            if (count < 0) {
+                reason = DescribeError("cannot read", errno);
+                return false;
+            }
+            if (count == 0) {
+                reason = "the file is shorter than it should be";
+                return false;
+            }
+            next += count;
+            offset += static_cast<std::uint64_t>(count);
+            length -= static_cast<std::size_t>(count);
+        }
+        return true;
+    }
+
+    std::uint64_t Size() const override { return m_size; }
+
+private:
+    int m_descriptor;
+    std::uint64_t m_size = 0;
+};
+
+std::shared_ptr<const CZipArchive> CZipArchive::Open(const std::string& path, std::string& reason)
+{
+    // Before the type is known the open call itself must do no harm: O_NONBLOCK because a pipe without a writer would
+    // hold it for ever, O_NOCTTY because a terminal would become the daemon's own. A regular file minds neither.
+    int descriptor = -1;
+    do {
+        descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    } while (descriptor < 0 && errno == EINTR);
+    if (descriptor < 0) {
+        reason = DescribeError("cannot open", errno);
+        return nullptr;
+    }
+
+    auto source = std::make_unique<FileSource>(descriptor);
+    std::vector<ZipEntry> entries;
+    if (!source->Examine(reason) || !ReadZipDirectory(*source, entries, reason))
+        return nullptr;
+    return std::shared_ptr<const CZipArchive>(new CZipArchive(path, std::move(source), std::move(entries)));
+}
+
+CZipArchive::CZipArchive(std::string path, std::unique_ptr<const FileSource> source, std::vector<ZipEntry> entries)
+    : m_path(std::move(path)), m_source(std::move(source)), m_entries(std::move(entries))
+{
+}
+
+CZipArchive::~CZipArchive() = default;
+
+const std::string& CZipArchive::Path() const
+{
+    return m_path;
+}
+
+const std::vector<ZipEntry>& CZipArchive::Entries() const
+{
+    return m_entries;
+}
+
+const ByteSource& CZipArchive::Source() const
+{
+    return *m_source;
+}
+
+bool CZipArchive::Read(const ZipEntry& entry, std::string& content, std::string& reason) const
+{
+    return ReadZipEntry(*m_source, entry, content, reason);
+}
+
+} // namespace VelCore

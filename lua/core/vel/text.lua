@@ -1,0 +1,164 @@
+-- vel.text: text for people. Pure functions; nothing here reads or writes.
+local text = {}
+
+-- The letter escapes that everybody reads; the other control characters become \xNN.
+local letterEscapes = { ["\\"] = "\\\\", ["\n"] = "\\n", ["\r"] = "\\r", ["\t"] = "\\t" }
+
+-- Well-formed UTF-8 beyond ASCII: lead byte range, range of the second byte, number of further bytes.
+-- Source: RFC 3629, section 4.
+local utf8Forms = {
+  { 0xC2, 0xDF, 0x80, 0xBF, 0 },
+  { 0xE0, 0xE0, 0xA0, 0xBF, 1 },
+  { 0xE1, 0xEC, 0x80, 0xBF, 1 },
+  { 0xED, 0xED, 0x80, 0x9F, 1 }, -- no surrogates
+  { 0xEE, 0xEF, 0x80, 0xBF, 1 },
+  { 0xF0, 0xF0, 0x90, 0xBF, 2 },
+  { 0xF1, 0xF3, 0x80, 0xBF, 2 },
+  { 0xF4, 0xF4, 0x80, 0x8F, 2 }, -- nothing above U+10FFFF
+}
+
+-- Characters that are valid and would still act on a terminal or mislead the reader.
+local hiddenRanges = {
+  { 0x80, 0x9F }, -- C1 control characters; some terminals take U+009B for "escape ["
+  { 0x061C, 0x061C }, -- these and the next two: writing direction, can show a name in another order
+  { 0x200E, 0x200F },
+  { 0x202A, 0x202E },
+  { 0x2028, 0x2029 }, -- line and paragraph separator
+  { 0x2066, 0x2069 }, -- writing direction again
+  { 0xFEFF, 0xFEFF }, -- byte-order mark, invisible
+}
+
+local function isHidden(codePoint)
+  for _, range in ipairs(hiddenRanges) do
+    if codePoint >= range[1] and codePoint <= range[2] then
+      return true
+    end
+  end
+  return false
+end
+
+-- Length in bytes and code point of the character beyond ASCII at `position`; nil when it is not UTF-8.
+local function decode(bytes, position)
+  local lead, second = bytes:byte(position, position + 1)
+  for _, form in ipairs(utf8Forms) do
+    if lead >= form[1] and lead <= form[2] then
+      if not second or second < form[3] or second > form[4] then
+        return nil
+      end
+      local leadBits = 2 ^ (5 - form[5])
+      local codePoint = (lead % leadBits) * 64 + second % 64
+      for offset = 2, form[5] + 1 do
+        local byte = bytes:byte(position + offset)
+        if not byte or byte < 0x80 or byte > 0xBF then
+          return nil
+        end
+        codePoint = codePoint * 64 + byte % 64
+      end
+      return form[5] + 2, codePoint
+    end
+  end
+  return nil
+end
+
+local function escapeByte(byte)
+  return letterEscapes[byte] or ("\\x%02x"):format(byte:byte())
+end
+
+-- `bytes` (a file name, a word of a command line) as text that stays on its line and sends nothing to a terminal:
+-- control characters, bytes that are not UTF-8, and invisible or direction-changing characters are escaped
+-- (\n, \r, \t, else \xNN for each byte), and so is the backslash. Two different names never give the same text.
+function text.Printable(bytes)
+  if not bytes:find("[^ -%[%]-~]") then
+    return bytes
+  end
+  bytes = bytes:gsub("[%z\1-\31\\\127]", escapeByte)
+  if not bytes:find("[\128-\255]") then
+    return bytes
+  end
+
+  local pieces = {}
+  local position = 1
+  while position <= #bytes do
+    local special = bytes:find("[\128-\255]", position)
+    pieces[#pieces + 1] = bytes:sub(position, (special or 0) - 1)
+    if not special then
+      break
+    end
+    local length, codePoint = decode(bytes, special)
+    local character = bytes:sub(special, special + (length or 1) - 1)
+    if not length or isHidden(codePoint) then
+      character = character:gsub(".", escapeByte)
+    end
+    pieces[#pieces + 1] = character
+    position = special + (length or 1)
+  end
+  return table.concat(pieces)
+end
+
+-- A whole number with a comma between groups of three digits: 1234567 is "1,234,567". Exact up to 2^53.
+function text.Thousands(number)
+  local sign, digits = ("%.0f"):format(number):match("^(-?)(%d+)$")
+  return sign .. digits:reverse():gsub("(%d%d%d)", "%1,"):reverse():gsub("^,", "")
+end
+
+-- Characters of a UTF-8 text, for alignment. Double-width and combining characters count as one each.
+function text.Width(line)
+  local _, continuations = line:gsub("[\128-\191]", "")
+  return #line - continuations
+end
+
+local function pad(cell, width, alignment)
+  local blanks = (" "):rep(width - text.Width(cell))
+  if alignment == "right" then
+    return blanks .. cell
+  end
+  return cell .. blanks
+end
+
+-- Lays out a table as lines of text, two blanks between columns, each column as wide as its widest cell.
+--
+-- columns: array of { title = text, align = "left" or "right" }
+-- rows:    array of rows, a row is an array of texts, one per column
+-- totals:  a last row below a rule of its own; nil for none
+-- Result:  text with a line feed after every line. Cells must be printable; they are not escaped here.
+function text.Table(columns, rows, totals)
+  local titles, widths, rules = {}, {}, {}
+  for index, column in ipairs(columns) do
+    titles[index] = column.title
+    widths[index] = text.Width(column.title)
+  end
+  local function widen(row)
+    for index, cell in ipairs(row) do
+      widths[index] = math.max(widths[index], text.Width(cell))
+    end
+  end
+  for _, row in ipairs(rows) do
+    widen(row)
+  end
+  widen(totals or {})
+
+  local lines = {}
+  local function add(row)
+    local cells = {}
+    for index, column in ipairs(columns) do
+      cells[index] = pad(row[index], widths[index], column.align)
+    end
+    lines[#lines + 1] = table.concat(cells, "  "):gsub(" +$", "") .. "\n"
+  end
+
+  for index, width in ipairs(widths) do
+    rules[index] = ("-"):rep(width)
+  end
+  add(titles)
+  add(rules)
+  for _, row in ipairs(rows) do
+    add(row)
+  end
+  if totals then
+    add(rules)
+    add(totals)
+  end
+  return table.concat(lines)
+end
+
+return text
