@@ -58,6 +58,7 @@ bool CAgentApp::SetPackagePaths()
 void CAgentApp::CollectArguments()
 {
     std::vector<wxString> words;
+    words.reserve(static_cast<std::size_t>(argc));
     for (int i = 0; i < argc; ++i)
         words.push_back(argv[i]);
     m_scriptArguments = LayOutArguments(words, GetAppName());

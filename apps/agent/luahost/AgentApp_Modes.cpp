@@ -44,8 +44,8 @@ int CAgentApp::RunUnitTests()
     alarm(kTestAlarm);
     const std::string chunk = VelCore::ToUtf8(UnitTestChunk(m_unitTestScript));
     wxMemoryInputStream in(chunk.data(), chunk.size());
-    const int rc = RunChunk(in, out.Stream(), L"tests.velunit");
-    out.Stream().Sync();
+    const int rc = RunChunk(in, out, L"tests.velunit");
+    out.Sync();
     if (rc != 0)
         WriteStandardError(m_interpreter->GetErrorInfo() + L"\n");
     return rc;

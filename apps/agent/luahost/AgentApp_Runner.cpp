@@ -82,7 +82,7 @@ int CAgentApp::RunCodeSnippet(const wxString& code)
     const std::string text = VelCore::ToUtf8(code);
     wxMemoryInputStream in(text.data(), text.size());
 
-    const int rc = RunChunk(in, out.Stream(), GetAppName());
+    const int rc = RunChunk(in, out, GetAppName());
     // Also when a Lua function merely returned a number: the text is then whatever failed last, possibly nothing.
     if (rc != 0)
         WriteStandardError(m_interpreter->GetErrorInfo() + L"\n");

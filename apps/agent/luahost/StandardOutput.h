@@ -3,19 +3,20 @@
 
 #include <cstdio>
 
-#include <wx/wfstream.h>
+#include <wx/stream.h>
 
-/// A stream over C's standard output, which stays open when the stream goes.
-class CStandardOutput
+/// A stream over C's standard output, which it does not own. Nothing is buffered here, so the order among all users of
+/// the C stream is kept, and errno tells why a write failed.
+class CStandardOutput : public wxOutputStream
 {
 public:
-    CStandardOutput() : m_stream(stdout) {}
-    ~CStandardOutput() { m_stream.GetFile()->Detach(); }
-    CStandardOutput(const CStandardOutput&) = delete;
-    CStandardOutput& operator=(const CStandardOutput&) = delete;
+    void Sync() override { std::fflush(stdout); }
 
-    wxOutputStream& Stream() { return m_stream; }
-
-private:
-    wxFFileOutputStream m_stream;
+protected:
+    size_t OnSysWrite(const void* buffer, size_t size) override
+    {
+        const size_t written = std::fwrite(buffer, 1, size, stdout);
+        m_lasterror = written == size ? wxSTREAM_NO_ERROR : wxSTREAM_WRITE_ERROR;
+        return written;
+    }
 };

@@ -74,12 +74,11 @@ private:
     std::condition_variable m_wake;
     bool m_exitRequested;
     bool m_awakened;
+    enum class Phase { New, Started, Joining, Joined } m_phase = Phase::New;
     bool m_running = false; // between the thread's first and last action: m_thread is valid
     pthread_t m_thread{};
     int m_status;
 
-    std::mutex m_joinMutex; // held while one thread waits for the end; guards m_started
-    bool m_started = false; // and not joined yet
 
     CDom* m_dom = nullptr; // not owned; set before the start
 };

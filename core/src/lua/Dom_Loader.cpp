@@ -26,7 +26,7 @@ const int kArchiveSearcher = 3;
 using IndexPointer = std::unique_ptr<const CModuleIndex>;
 
 // Kept between calls up to this size, so that loading many small modules allocates once.
-const std::size_t kKeptBytes = 256 * 1024;
+const std::size_t kKeptBytes = 0x40000;
 
 struct Buffers
 {

@@ -85,8 +85,11 @@ bool SecureBelow(int folder, const std::string& path)
     bool secured = true;
     while (const dirent* entry = readdir(listing.get())) {
         const std::string name = entry->d_name;
-        if (name != "." && name != "..")
-            secured = SecureEntry(dirfd(listing.get()), name.c_str(), path + "/" + name, true, false) && secured;
+        if (name == "." || name == "..")
+            continue;
+        std::string below = path;
+        below.append("/").append(name);
+        secured = SecureEntry(dirfd(listing.get()), name.c_str(), below, true, false) && secured;
     }
     return secured;
 }

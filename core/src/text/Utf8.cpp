@@ -92,7 +92,7 @@ wxString FromUtf8(std::string_view bytes)
         text += static_cast<wchar_t>(point);
         bytes.remove_prefix(length);
     }
-    return wxString(std::move(text));
+    return wxString(text);
 }
 
 std::string ToUtf8(const wxString& text)

@@ -51,8 +51,7 @@ bool CRunnable::start(unsigned int priority, bool inheritSignals, unsigned int s
     wxLog::GetActiveTarget();
     GiveSignalAHandler(SigThreadDelete);
 
-    const std::lock_guard lock(m_joinMutex);
-    if (m_started || Create(stackSize == 0 ? kStackSize : stackSize) != wxTHREAD_NO_ERROR)
+    if (Create(stackSize == 0 ? kStackSize : stackSize) != wxTHREAD_NO_ERROR)
         return false;
     if (priority != wxPRIORITY_DEFAULT)
         SetPriority(priority);
@@ -62,20 +61,29 @@ bool CRunnable::start(unsigned int priority, bool inheritSignals, unsigned int s
     sigfillset(&all);
     if (!inheritSignals)
         pthread_sigmask(SIG_SETMASK, &all, &callers);
-    m_started = Run() == wxTHREAD_NO_ERROR;
+    const bool started = Run() == wxTHREAD_NO_ERROR;
     if (!inheritSignals)
         pthread_sigmask(SIG_SETMASK, &callers, nullptr);
-    return m_started;
+
+    const std::lock_guard lock(m_mutex);
+    if (started)
+        m_phase = Phase::Started;
+    return started;
 }
 
 int CRunnable::join()
 {
-    const std::lock_guard joining(m_joinMutex);
-    if (m_started) {
+    // The framework's wait is for one thread, and takes locks of its own, so ours is not held meanwhile.
+    std::unique_lock lock(m_mutex);
+    if (m_phase == Phase::Started) {
+        m_phase = Phase::Joining;
+        lock.unlock();
         Wait(wxTHREAD_WAIT_BLOCK);
-        m_started = false;
+        lock.lock();
+        m_phase = Phase::Joined;
+        m_wake.notify_all();
     }
-    const std::lock_guard lock(m_mutex);
+    m_wake.wait(lock, [this] { return m_phase != Phase::Joining; });
     return m_status;
 }
 

@@ -21,7 +21,7 @@ namespace VelCore {
 class CLogFile
 {
 public:
-    static const std::int64_t s_RotateAt = 10 * 1024 * 1024; // bytes
+    static const std::int64_t s_RotateAt = 0xA00000; // bytes: 10 MiB
     static const int s_OldFiles = 5;
 
     static CLogFile& Get();

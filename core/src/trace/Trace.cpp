@@ -32,7 +32,7 @@ struct EnabledModules
 
 void AddModules(const wxString& list, EnabledModules& modules)
 {
-    const std::wstring text = list.ToStdWstring();
+    const std::wstring& text = list.ToStdWstring();
     std::size_t start = 0;
     while (start <= text.size()) {
         const std::size_t comma = std::min(text.find(L',', start), text.size());

@@ -8,7 +8,7 @@ Usage: kx_agent -- [--list] FOLDER...
        kx_agent -- --help
 
 Computes the SHA-256 digest of every regular file below each FOLDER and shows how much was read where.
-Symbolic links are not followed.
+Symbolic links are followed where they are named as a FOLDER only. /proc and /sys are left out unless named.
 
   --list   also print a line "<sha256>  <path>" for every file, as sha256sum does
   --help   print this text and do nothing else

@@ -1,7 +1,9 @@
 -- monitor.walk: visits every regular file below a folder, and tells of everything that cannot be visited.
 --
--- Symbolic links are never followed, not even one that takes a folder's place while the walk is under way:
--- every folder is held open while its entries are visited through it, and is the one that was seen before.
+-- Symbolic links are never followed, but for one that is named as the root: that one is meant. Not even one that takes
+-- a folder's place while the walk is under way is followed: every folder is held open while its entries are visited
+-- through it, and is the one that was seen before.
+-- The kernel's own file systems are left out unless the root lies in one: their files have no end, or no content.
 -- Any depth: no recursion, no limit on the length of a path, one folder open at a time.
 -- Memory grows with the listings of the folders between the root and the current one, not with the files.
 local stat = require("posix.sys.stat")
@@ -13,9 +15,33 @@ local function join(folder, name)
   return (folder == "/" and "" or folder) .. "/" .. name
 end
 
--- Opens the folder that LinkStatus saw as `expected`; nil and a reason when that is no longer possible.
-local function openFolder(path, expected)
-  local fd, reason = descriptor.Open(path)
+-- Devices of the kernel's own file systems, as keys, where they are mounted.
+local kernelDevices
+local function findKernelDevices()
+  local devices = {}
+  local top = descriptor.LinkStatus("/")
+  for _, path in ipairs({ "/proc", "/sys" }) do
+    local status = descriptor.LinkStatus(path)
+    if status and top and status.st_dev ~= top.st_dev then
+      devices[status.st_dev] = true
+    end
+  end
+  return devices
+end
+
+-- Whether a walk from `root` passes by a folder of this status: the kernel's own file systems, unless the root is there.
+function walk.IsLeftOut(status, root)
+  kernelDevices = kernelDevices or findKernelDevices()
+  if not kernelDevices[status.st_dev] then
+    return false
+  end
+  local start = descriptor.TargetStatus(root)
+  return not start or start.st_dev ~= status.st_dev
+end
+
+-- Opens the folder that was seen as `expected`; nil and a reason when that is no longer possible.
+local function openFolder(reach, expected)
+  local fd, reason = descriptor.Open(reach)
   if not fd then
     return nil, reason
   end
@@ -30,7 +56,7 @@ local function openFolder(path, expected)
   return nil, reason
 end
 
--- Visits the files directly in the open folder. Result: its subfolders in order, { name, status } each;
+-- Visits the files directly in the open folder. Result: its subfolders in order, each with its name, device and inode;
 -- nil and a reason when it cannot be listed.
 local function visitFiles(fd, folder, visitor)
   local names, reason = descriptor.List(fd)
@@ -56,11 +82,9 @@ end
 
 -- The reason why `path` is not a folder to start from, or nil and its status.
 local function examineRoot(path)
-  local status, reason = descriptor.LinkStatus(path)
+  local status, reason = descriptor.TargetStatus(path)
   if not status then
     return reason
-  elseif stat.S_ISLNK(status.st_mode) ~= 0 then
-    return "symbolic links are not followed"
   elseif stat.S_ISDIR(status.st_mode) == 0 then
     return "not a folder"
   end
@@ -78,9 +102,9 @@ function walk.Walk(root, visitor)
   -- One level per folder between the root and the current one: what is still to visit at that depth.
   local levels = {}
 
-  local function enter(path, expected)
+  local function enter(path, reach, expected)
     visitor.Folder(path, #levels)
-    local fd, reason = openFolder(path, expected)
+    local fd, reason = openFolder(reach, expected)
     local subfolders
     if fd then
       subfolders, reason = descriptor.Use(fd, visitFiles, path, visitor)
@@ -99,16 +123,17 @@ function walk.Walk(root, visitor)
     visitor.Unreadable(root, reason)
     return false
   end
-  if not enter(root, status) then
+  if not enter(root, root .. "/.", status) then -- the "." leads through a link
     return false
   end
   while #levels > 0 do
     local level = levels[#levels]
     level.visited = level.visited + 1
     local subfolder = level.subfolders[level.visited]
-    if subfolder then
-      enter(join(level.path, subfolder.name), subfolder)
-    else
+    if subfolder and not walk.IsLeftOut(subfolder, root) then
+      local path = join(level.path, subfolder.name)
+      enter(path, path, subfolder)
+    elseif not subfolder then
       levels[#levels] = nil
     end
   end

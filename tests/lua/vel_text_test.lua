@@ -1,0 +1,164 @@
+local lu = require("luaunit")
+local text = require("vel.text")
+
+-- The way back from Printable.
+local function restore(printable)
+  local letters = { n = "\n", r = "\r", t = "\t", ["\\"] = "\\" }
+  return (printable:gsub("\\(x?)(.)(%x?)", function(hex, first, second)
+    if hex == "x" then
+      return string.char(tonumber(first .. second, 16))
+    end
+    return letters[first] .. second
+  end))
+end
+
+TestPrintable = {}
+
+function TestPrintable.testEscapesWhatIsNotPlainText()
+  local cases = {
+    -- bytes, text
+    { "", "" },
+    { "/etc/passwd", "/etc/passwd" },
+    { "with blank~and[brackets]", "with blank~and[brackets]" },
+    { "two\nlines", "two\\nlines" },
+    { "tab\tand\rreturn", "tab\\tand\\rreturn" },
+    { "\27[31mred", "\\x1b[31mred" },
+    { "nul\0del\127", "nul\\x00del\\x7f" },
+    { "back\\slash", "back\\\\slash" },
+    { "\\n", "\\\\n" },
+    { "caf\xC3\xA9", "caf\xC3\xA9" },
+    { "\xE2\x82\xAC \xF0\x9F\x98\x80", "\xE2\x82\xAC \xF0\x9F\x98\x80" },
+    { "\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF" }, -- U+10FFFF, the last one
+  }
+  for _, case in ipairs(cases) do
+    lu.assertEquals(text.Printable(case[1]), case[2])
+  end
+end
+
+function TestPrintable.testEscapesEachByteThatIsNotUtf8()
+  local cases = {
+    { "caf\xE9", "caf\\xe9" },
+    { "\x80", "\\x80" },
+    { "\xC0\x80", "\\xc0\\x80" }, -- overlong
+    { "\xE0\x9F\xBF", "\\xe0\\x9f\\xbf" }, -- overlong
+    { "\xED\xA0\x80", "\\xed\\xa0\\x80" }, -- surrogate
+    { "\xF4\x90\x80\x80", "\\xf4\\x90\\x80\\x80" }, -- above U+10FFFF
+    { "\xFF", "\\xff" },
+    { "\xC3", "\\xc3" }, -- cut short
+    { "\xE2\x82", "\\xe2\\x82" },
+    { "\xE2\x82x", "\\xe2\\x82x" },
+    { "\xF0\x9F\x98\xC3\xA9", "\\xf0\\x9f\\x98\xC3\xA9" },
+  }
+  for _, case in ipairs(cases) do
+    lu.assertEquals(text.Printable(case[1]), case[2])
+  end
+end
+
+function TestPrintable.testEscapesCharactersThatActOnATerminalOrHide()
+  local cases = {
+    { "\xC2\x80", "\\xc2\\x80" },
+    { "\xC2\x9B31m", "\\xc2\\x9b31m" }, -- the control sequence introducer in one character
+    { "\xC2\x9F", "\\xc2\\x9f" },
+    { "\xC2\xA0", "\xC2\xA0" }, -- the first character behind them
+    { "\xD8\x9C", "\\xd8\\x9c" }, -- U+061C
+    { "\xE2\x80\x8D", "\xE2\x80\x8D" }, -- U+200D joins visible characters
+    { "\xE2\x80\x8E", "\\xe2\\x80\\x8e" }, -- U+200E
+    { "\xE2\x80\xA8", "\\xe2\\x80\\xa8" }, -- U+2028, line separator
+    { "exe\xE2\x80\xAEcod.txt", "exe\\xe2\\x80\\xaecod.txt" }, -- U+202E, right to left
+    { "\xE2\x81\xA9", "\\xe2\\x81\\xa9" }, -- U+2069
+    { "\xEF\xBB\xBF", "\\xef\\xbb\\xbf" }, -- U+FEFF
+  }
+  for _, case in ipairs(cases) do
+    lu.assertEquals(text.Printable(case[1]), case[2])
+  end
+end
+
+function TestPrintable.testCanBeReversedSoNoTwoNamesLookTheSame()
+  for first = 0, 255 do
+    for second = 0, 255 do
+      local bytes = "a" .. string.char(first, second) .. "b"
+      local printable = text.Printable(bytes)
+      lu.assertNil(printable:find("%c"))
+      if restore(printable) ~= bytes then
+        lu.assertEquals(restore(printable), bytes)
+      end
+    end
+  end
+end
+
+TestThousands = {}
+
+function TestThousands.testGroupsByThree()
+  local cases = {
+    { 0, "0" },
+    { 7, "7" },
+    { 999, "999" },
+    { 1000, "1,000" },
+    { 123456, "123,456" },
+    { 1234567, "1,234,567" },
+    { -999, "-999" },
+    { -1000, "-1,000" },
+    { 2 ^ 53, "9,007,199,254,740,992" },
+  }
+  for _, case in ipairs(cases) do
+    lu.assertEquals(text.Thousands(case[1]), case[2])
+  end
+end
+
+TestWidth = {}
+
+function TestWidth.testCountsCharactersNotBytes()
+  lu.assertEquals(text.Width(""), 0)
+  lu.assertEquals(text.Width("abc"), 3)
+  lu.assertEquals(text.Width("caf\xC3\xA9"), 4)
+  lu.assertEquals(text.Width("\xE2\x82\xAC\xF0\x9F\x98\x80"), 2)
+end
+
+TestTable = {}
+
+local columns = { { title = "name", align = "left" }, { title = "size", align = "right" } }
+
+function TestTable.testAlignsByTheWidestCell()
+  lu.assertEquals(
+    text.Table(columns, { { "a", "1" }, { "longer", "12,345" } }, { "total", "12,346" }),
+    "name      size\n"
+      .. "------  ------\n"
+      .. "a            1\n"
+      .. "longer  12,345\n"
+      .. "------  ------\n"
+      .. "total   12,346\n"
+  )
+end
+
+function TestTable.testWithoutRowsIsTitlesAndRule()
+  lu.assertEquals(text.Table(columns, {}), "name  size\n----  ----\n")
+end
+
+function TestTable.testTotalsMayBeTheWidest()
+  lu.assertEquals(
+    text.Table(columns, { { "a", "1" } }, { "everything", "1,000,000" }),
+    "name             size\n"
+      .. "----------  ---------\n"
+      .. "a                   1\n"
+      .. "----------  ---------\n"
+      .. "everything  1,000,000\n"
+  )
+end
+
+function TestTable.testAlignsCharactersBeyondAscii()
+  lu.assertEquals(
+    text.Table(columns, { { "caf\xC3\xA9", "1" }, { "cafes", "2" } }),
+    "name   size\n" .. "-----  ----\n" .. "caf\xC3\xA9      1\n" .. "cafes     2\n"
+  )
+end
+
+function TestTable.testLeavesNoBlanksAtTheEndOfALine()
+  lu.assertEquals(
+    text.Table({ { title = "n", align = "right" }, { title = "remark", align = "left" } }, { { "1", "" } }),
+    "n  remark\n-  ------\n1\n"
+  )
+end
+
+if (arg[0] or ""):find("vel_text_test%.lua$") then
+  os.exit(lu.LuaUnit.run())
+end
