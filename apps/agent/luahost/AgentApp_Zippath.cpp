@@ -100,7 +100,8 @@ void CAgentApp::AppendSpecification(const wxString& token, wxString& zippath)
     // A name with a path that a variable brings in still counts as explicit: the token decides as it is written.
     const bool isPattern = IsWildcard(token);
     wxFileName specification(wxExpandEnvVars(token));
-    if (specification.IsRelative())
+    // The framework counts a leading "~" as absolute.
+    if (specification.IsRelative() || specification.GetFullPath().StartsWith(L"~"))
         specification.Normalize(kNormalise, m_dom->GetWxString(DomainKeys::kPathBin));
 
     const wxArrayString files = MatchingFiles(specification);

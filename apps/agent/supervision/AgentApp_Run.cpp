@@ -50,6 +50,7 @@ void CAgentApp::RunWorker()
         std::exit(EXIT_FAILURE);
     }
 
+    BlockSigalrm();
     const int status = wxAppConsole::OnRun();
     CMainThreadStop::Get().MarkStanding(); // from here on this thread only waits for the other one
 

@@ -46,6 +46,11 @@ void BlockSigterm()
     Block({SIGTERM});
 }
 
+void BlockSigalrm()
+{
+    Block({SIGALRM});
+}
+
 void InstallApplicationSignals()
 {
     for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2})

@@ -29,7 +29,7 @@ local function findKernelDevices()
   return devices
 end
 
--- Whether a walk from `root` passes by a folder of this status: the kernel's own file systems, unless the root is there.
+-- Whether a walk from `root` passes by a folder of this status: the kernel's file systems, unless the root is in one.
 function walk.IsLeftOut(status, root)
   kernelDevices = kernelDevices or findKernelDevices()
   if not kernelDevices[status.st_dev] then

@@ -1,0 +1,82 @@
+"""Fixtures: a throw-away installation per scenario, under a name of its own."""
+
+import itertools
+import os
+import shutil
+import tempfile
+
+import pytest
+
+from agentbox import Installation
+
+_numbers = itertools.count(1)
+
+
+def _new_name():
+    return f"app{os.getpid()}_{next(_numbers)}"
+
+
+@pytest.fixture
+def installation(tmp_path):
+    """An installation whose application name no other scenario uses, in this run or in one beside it."""
+    box = Installation(tmp_path, _new_name())
+    yield box
+    box.close()
+
+
+@pytest.fixture
+def install():
+    """Makes installations at places of the scenario's choice: `install(folder)`."""
+    boxes = []
+
+    def make(folder):
+        boxes.append(Installation(folder, _new_name()))
+        return boxes[-1]
+
+    yield make
+    for box in boxes:
+        box.close()
+
+
+@pytest.fixture
+def public_installation():
+    """An installation that every user may read, but only root may change; `home` in it belongs to nobody."""
+    root = tempfile.mkdtemp(prefix="kx_agent_test")
+    os.chmod(root, 0o755)
+    box = Installation(root, _new_name())
+    box.home = box.root / "home"
+    box.home.mkdir()
+    os.chown(box.home, 65534, 65534)
+    yield box
+    box.close()
+    shutil.rmtree(root)
+
+
+@pytest.fixture
+def open_installation():
+    """An installation that every user may read, write and run; see `agentbox.UNPRIVILEGED`."""
+    root = tempfile.mkdtemp(prefix="agent_blackbox_")
+    os.chmod(root, 0o777)
+    box = Installation(root, f"app{os.getpid()}_{next(_numbers)}")
+    box.work.mkdir()
+    os.chmod(box.work, 0o777)
+    yield box
+    box.close()
+    shutil.rmtree(root)
+
+
+def _printable(value):
+    if isinstance(value, str):
+        return value.encode("utf-8", "backslashreplace").decode("utf-8")
+    if isinstance(value, dict):
+        return {key: _printable(each) for key, each in value.items()}
+    if isinstance(value, (list, tuple)):
+        return type(value)(_printable(each) for each in value)
+    return value
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_report_to_serializable():
+    """Lets a parallel run report a failure that shows bytes which are no text."""
+    outcome = yield
+    outcome.force_result(_printable(outcome.get_result()))
