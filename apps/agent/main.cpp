@@ -3,6 +3,8 @@
 #include <wx/app.h>
 #include <wx/init.h>
 
+#include <VelCore/FileNames.h>
+
 #include "AgentApp.h"
 #include "shell/CommandWords.h"
 #include "shell/StandardStreams.h"
@@ -18,6 +20,7 @@ static const wxAppInitializer g_registerFactory(wxCreateApp);
 int main(int argc, char** argv)
 {
     OpenStandardDescriptors();
+    VelCore::UseUtf8FileNames();
     CCommandWords words(argc, argv);
     return wxEntry(words.Count(), words.Words());
 }

@@ -106,10 +106,16 @@ def escaped(text):
 
 
 def await_line(process, timeout_s=DEADLINE_S):
-    """The next line that `process` prints, without its end. For lines that come one at a time, each awaited."""
-    readable, _, _ = select.select([process.stdout], [], [], timeout_s)
-    assert readable, f"timed out after {timeout_s} s waiting for a line of output"
-    return process.stdout.readline().decode("utf-8", "surrogateescape").rstrip("\n")
+    """The next line that `process` prints, without its end; what there is of it when the output ends."""
+    line, end = b"", time.monotonic() + timeout_s
+    while not line.endswith(b"\n"):
+        readable, _, _ = select.select([process.stdout], [], [], max(0, end - time.monotonic()))
+        assert readable, f"timed out after {timeout_s} s waiting for a line of output behind {line!r}"
+        byte = os.read(process.stdout.fileno(), 1)
+        if not byte:
+            break
+        line += byte
+    return line.decode("utf-8", "surrogateescape").rstrip("\n")
 
 
 def await_end(process, timeout_s=DEADLINE_S):

@@ -15,6 +15,7 @@
 
 int CAgentApp::OnRun()
 {
+    RestoreChildSignal();
     int exitCode = 0;
     if (!EnterFipsMode(exitCode) || RefuseWhatIsMissing(exitCode))
         return exitCode;
@@ -40,7 +41,6 @@ bool CAgentApp::RefuseWhatIsMissing(int& exitCode) const
 
 void CAgentApp::RunWorker()
 {
-    RestoreChildSignal();
     BlockSigterm();
 
     CScriptThread script;
@@ -50,7 +50,6 @@ void CAgentApp::RunWorker()
         std::exit(EXIT_FAILURE);
     }
 
-    BlockSigalrm();
     const int status = wxAppConsole::OnRun();
     CMainThreadStop::Get().MarkStanding(); // from here on this thread only waits for the other one
 

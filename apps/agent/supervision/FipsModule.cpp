@@ -7,9 +7,14 @@
 
 #include "supervision/FipsModule.h"
 
+#include <cerrno>
 #include <cstdlib>
 
+#include <dlfcn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <openssl/crypto.h>
 #include <openssl/err.h>
@@ -18,13 +23,36 @@
 
 namespace {
 
+std::string ModuleFile(const std::string& folder)
+{
+    return folder + "/fips" + OPENSSL_info(OPENSSL_INFO_DSO_EXTENSION);
+}
+
 bool HoldsModule(const std::string& folder)
 {
-    const std::string file = folder + "/fips" + OPENSSL_info(OPENSSL_INFO_DSO_EXTENSION);
-    struct stat status
-    {
-    };
-    return stat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    struct stat status = {};
+    return stat(ModuleFile(folder).c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// Whether the file survives being loaded: the dynamic linker crashes on one that was cut short, so a child process
+// tries it first. The process has one thread at this time.
+bool LoadsSafely(const std::string& file)
+{
+    const pid_t child = fork();
+    if (child < 0)
+        return false;
+    if (child == 0) {
+        const struct rlimit noDump = {0, 0};
+        setrlimit(RLIMIT_CORE, &noDump);
+        dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL); // why it refuses is for the library to say
+        _exit(0);
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) != child) {
+        if (errno != EINTR)
+            return false;
+    }
+    return WIFEXITED(status);
 }
 
 // The folder that holds the module; empty when there is none.
@@ -39,8 +67,12 @@ std::string FindModule(const std::string& folder)
     return "";
 }
 
-bool LoadAndTest()
+bool LoadAndTest(const std::string& folder)
 {
+    if (!LoadsSafely(ModuleFile(folder))) {
+        ERR_raise(ERR_LIB_CRYPTO, ERR_R_INIT_FAIL);
+        return false;
+    }
     OSSL_PROVIDER* fips = OSSL_PROVIDER_load(nullptr, "fips");
     if (!fips)
         return false;
@@ -63,5 +95,5 @@ FipsOutcome SwitchFipsModeOn(const std::string& folder)
         return FipsOutcome::NotSupported;
     }
     OSSL_PROVIDER_set_default_search_path(nullptr, found.c_str());
-    return LoadAndTest() ? FipsOutcome::On : FipsOutcome::Failed;
+    return LoadAndTest(found) ? FipsOutcome::On : FipsOutcome::Failed;
 }

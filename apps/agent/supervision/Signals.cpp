@@ -15,9 +15,7 @@ namespace {
 
 void SetDisposition(int signal, void (*handler)(int), int flags)
 {
-    struct sigaction action
-    {
-    };
+    struct sigaction action = {};
     action.sa_handler = handler;
     action.sa_flags = flags;
     sigemptyset(&action.sa_mask);
@@ -44,11 +42,6 @@ void VelSignalHandler(int signal)
 void BlockSigterm()
 {
     Block({SIGTERM});
-}
-
-void BlockSigalrm()
-{
-    Block({SIGALRM});
 }
 
 void InstallApplicationSignals()

@@ -8,10 +8,6 @@ void VelSignalHandler(int signal);
 /// Keeps SIGTERM away from the calling thread and from every thread that it starts.
 void BlockSigterm();
 
-/// Leaves SIGALRM to the other threads: the system would otherwise always hand it to the main thread, where it
-/// interrupts nothing.
-void BlockSigalrm();
-
 /// Sets the dispositions of a process that runs an application, and blocks SIGINT and SIGTERM in the calling thread and
 /// the threads that it starts; docs/PROCESSES.md has the table. Call it from the script thread.
 void InstallApplicationSignals();

@@ -79,7 +79,6 @@ private:
     pthread_t m_thread{};
     int m_status;
 
-
     CDom* m_dom = nullptr; // not owned; set before the start
 };
 

@@ -18,6 +18,8 @@
 #include <VelCore/Trace.h>
 #include <VelCore/Utf8.h>
 
+#include "trace/LogText.h"
+
 namespace {
 
 using VelCore::CDom;
@@ -177,15 +179,6 @@ const LogLevel* FindLevel(const char* name)
     return nullptr;
 }
 
-// The text is an argument of the format, never the format.
-void WriteLog(wxLogLevel level, std::string_view text)
-{
-    if (level == wxLOG_Info)
-        wxLogVerbose(L"%s", FromUtf8(text));
-    else
-        wxLogGeneric(level, L"%s", FromUtf8(text));
-}
-
 int Log(lua_State* L)
 {
     SLB3::Self<CDom>(L, "Log");
@@ -194,8 +187,23 @@ int Log(lua_State* L)
     const LogLevel* level = FindLevel(name.bytes);
     if (!level)
         return ArgumentError(L, "Log", 1, lua_pushfstring(L, "unknown level '%s'", name.bytes));
-    WriteLog(level->level, text.View());
+    VelCore::LogText(level->level, text.View());
     return 0;
+}
+
+// The Lua function that called the method, through C functions such as pcall.
+lua_Debug FindCaller(lua_State* L)
+{
+    lua_Debug caller{};
+    for (int level = 1; lua_getstack(L, level, &caller); ++level) {
+        lua_getinfo(L, "nSl", &caller);
+        if (caller.currentline > 0)
+            return caller;
+    }
+    caller.source = "=?";
+    caller.what = "";
+    caller.currentline = 0;
+    return caller;
 }
 
 // The file behind a chunk name: "@" and "=" only say what kind of name follows.
@@ -208,7 +216,7 @@ const char* FunctionName(const lua_Debug& caller)
 {
     if (caller.name)
         return caller.name;
-    return std::strcmp(caller.what, "main") == 0 ? "main chunk" : "?";
+    return std::strcmp(caller.what, "main") == 0 ? "main" : "?";
 }
 
 int LogTrace(lua_State* L)
@@ -216,12 +224,7 @@ int LogTrace(lua_State* L)
     SLB3::Self<CDom>(L, "LogTrace");
     const Text module = CheckText(L, "LogTrace", 1);
     const Text text = CheckText(L, "LogTrace", 2);
-
-    lua_Debug caller{};
-    caller.source = "=?";
-    caller.what = "";
-    if (lua_getstack(L, 1, &caller))
-        lua_getinfo(L, "nSl", &caller);
+    const lua_Debug caller = FindCaller(L);
     VelCore::LogTrace(FromUtf8(module.View()), SourceName(caller), caller.currentline, FunctionName(caller),
                       FromUtf8(text.View()));
     return 0;

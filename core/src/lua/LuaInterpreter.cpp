@@ -9,7 +9,6 @@
 
 #include <cstdlib>
 
-#include <wx/log.h>
 #include <wx/stream.h>
 
 #include <lua.hpp>
@@ -22,6 +21,7 @@
 #include "lua/LuaProcess.h"
 #include "lua/PackagePaths.h"
 #include "lua/TextChunk.h"
+#include "trace/LogText.h"
 
 namespace VelCore {
 namespace {
@@ -185,11 +185,11 @@ void CLuaInterpreter::RecordFailure(const std::string& text)
 {
     m_errorInfo = FromUtf8(text);
     if (m_showFailures) {
-        wxLogError(L"%s", m_errorInfo);
+        LogText(wxLOG_Error, text);
         return;
     }
     const CTerminalQuiet quiet;
-    wxLogError(L"%s", m_errorInfo);
+    LogText(wxLOG_Error, text);
 }
 
 } // namespace VelCore

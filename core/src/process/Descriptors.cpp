@@ -30,9 +30,7 @@ std::size_t WriteAll(int descriptor, std::string_view bytes)
 
 bool MakeFolders(const std::string& path, mode_t mode)
 {
-    struct stat status
-    {
-    };
+    struct stat status = {};
     if (stat(path.c_str(), &status) == 0) {
         errno = ENOTDIR;
         return S_ISDIR(status.st_mode);
@@ -40,7 +38,9 @@ bool MakeFolders(const std::string& path, mode_t mode)
     const std::size_t slash = path.find_last_of('/');
     if (slash != std::string::npos && slash > 0 && !MakeFolders(path.substr(0, slash), mode))
         return false;
-    return mkdir(path.c_str(), mode) == 0 || errno == EEXIST;
+    if (mkdir(path.c_str(), mode) == 0)
+        return chmod(path.c_str(), mode) == 0;
+    return errno == EEXIST;
 }
 
 } // namespace VelCore

@@ -13,7 +13,8 @@ namespace VelCore {
 /// error, which errno names.
 std::size_t WriteAll(int descriptor, std::string_view bytes);
 
-/// Creates the folder and its missing parents with `mode`. Returns whether it exists afterwards; errno tells why not.
+/// Creates the folder and its missing parents with `mode`, whatever the umask. Returns whether it exists afterwards;
+/// errno tells why not.
 bool MakeFolders(const std::string& path, mode_t mode);
 
 } // namespace VelCore

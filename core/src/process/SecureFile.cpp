@@ -45,9 +45,7 @@ bool SecureBelow(int folder, const std::string& path);
 // Secures `name` in `folder`; `path` is what to call it in a report.
 bool SecureEntry(int folder, const char* name, const std::string& path, bool recursive, bool isTop)
 {
-    struct stat found
-    {
-    };
+    struct stat found = {};
     if (fstatat(folder, name, &found, AT_SYMLINK_NOFOLLOW) != 0)
         return Report(path, errno);
     if (!S_ISDIR(found.st_mode) && !S_ISREG(found.st_mode))
@@ -56,9 +54,7 @@ bool SecureEntry(int folder, const char* name, const std::string& path, bool rec
     const int descriptor = openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0)
         return Report(path, errno);
-    struct stat opened
-    {
-    };
+    struct stat opened = {};
     bool secured = false;
     if (fstat(descriptor, &opened) != 0)
         secured = Report(path, errno);

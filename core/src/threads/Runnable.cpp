@@ -19,15 +19,11 @@ void IgnoreInterruption(int) {}
 // The default action of a real-time signal would end the process.
 void GiveSignalAHandler(int signal)
 {
-    struct sigaction current
-    {
-    };
+    struct sigaction current = {};
     sigaction(signal, nullptr, &current);
     if (current.sa_handler != SIG_DFL)
         return;
-    struct sigaction action
-    {
-    };
+    struct sigaction action = {};
     action.sa_handler = IgnoreInterruption;
     sigemptyset(&action.sa_mask);
     sigaction(signal, &action, nullptr);

@@ -46,6 +46,11 @@ const std::string& Stamp(std::time_t when)
     return t_stamp;
 }
 
+bool IsSame(const struct stat& one, const struct stat& other)
+{
+    return one.st_ino == other.st_ino && one.st_dev == other.st_dev;
+}
+
 std::string SystemReason(const char* what, const std::string& path)
 {
     const int error = errno;
@@ -108,18 +113,12 @@ bool CLogFile::ReadyToWrite(std::string& reason)
         if (m_file < 0 && !Open(reason))
             return false;
 
-        struct stat status
-        {
-        };
-        if (fstat(m_file, &status) != 0) {
-            reason = SystemReason("cannot look at log file", m_fileName);
-            return false;
-        }
-        if (status.st_nlink == 0) {
-            Close(); // somebody removed it: start a new one
+        struct stat current = {};
+        if (fstatat(m_folder, m_fileName.c_str(), &current, AT_SYMLINK_NOFOLLOW) != 0 || !IsSame(current, m_identity)) {
+            Close(); // somebody removed or rotated it: go on with the current one
             continue;
         }
-        if (status.st_size < m_rotateAt || !Rotate())
+        if (current.st_size < m_rotateAt || !Rotate())
             return true;
     }
     return m_file >= 0 || Open(reason);
@@ -148,16 +147,18 @@ bool CLogFile::Open(std::string& reason)
 
     // A link, a fifo or somebody else's file in the log's place must neither be followed nor block.
     const std::string path = m_work + "/log/" + m_fileName;
-    m_file =
-        openat(m_folder, m_fileName.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
-    struct stat status
-    {
-    };
-    if (m_file < 0 || fstat(m_file, &status) != 0) {
+    const int flags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    m_file = openat(m_folder, m_fileName.c_str(), flags);
+    if (m_file < 0 && errno == ENOENT) {
+        m_file = openat(m_folder, m_fileName.c_str(), flags | O_CREAT, 0600);
+        if (m_file >= 0)
+            fchmod(m_file, 0600); // whatever the umask
+    }
+    if (m_file < 0 || fstat(m_file, &m_identity) != 0) {
         reason = SystemReason("cannot open log file", path);
-    } else if (!S_ISREG(status.st_mode)) {
+    } else if (!S_ISREG(m_identity.st_mode)) {
         reason = "cannot use log file '" + path + "': not a regular file";
-    } else if (status.st_uid != geteuid()) {
+    } else if (m_identity.st_uid != geteuid()) {
         reason = "cannot use log file '" + path + "': it belongs to another user";
     } else {
         return true;
@@ -179,9 +180,7 @@ void CLogFile::Close()
 // Moves the full file away, unless another process has done so. Returns whether there is another file to look at.
 bool CLogFile::Rotate()
 {
-    struct flock whole
-    {
-    };
+    struct flock whole = {};
     whole.l_type = F_WRLCK;
     whole.l_whence = SEEK_SET;
     while (fcntl(m_file, F_SETLKW, &whole) != 0) {
@@ -189,15 +188,9 @@ bool CLogFile::Rotate()
             return false; // no locks here: one long file is better than a lost record
     }
 
-    struct stat ours
-    {
-    };
-    struct stat current
-    {
-    };
-    const bool isCurrent = fstat(m_file, &ours) == 0 &&
-                           fstatat(m_folder, m_fileName.c_str(), &current, AT_SYMLINK_NOFOLLOW) == 0 &&
-                           ours.st_dev == current.st_dev && ours.st_ino == current.st_ino;
+    struct stat current = {};
+    const bool isCurrent =
+        fstatat(m_folder, m_fileName.c_str(), &current, AT_SYMLINK_NOFOLLOW) == 0 && IsSame(current, m_identity);
     if (isCurrent && !ShiftOldFiles()) {
         m_rotateAt += s_RotateAt;
         whole.l_type = F_UNLCK;
@@ -213,9 +206,7 @@ bool CLogFile::Rotate()
 bool CLogFile::ShiftOldFiles()
 {
     const auto nameOf = [this](int number) { return m_fileName + "." + std::to_string(number); };
-    struct stat status
-    {
-    };
+    struct stat status = {};
     int last = 1;
     while (last < s_OldFiles && fstatat(m_folder, nameOf(last).c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
         ++last;
@@ -228,15 +219,25 @@ bool CLogFile::ShiftOldFiles()
 
 bool CLogFile::WriteLine(const std::string& line, std::string& reason)
 {
-    // A line that the disk cut short is ended first, so that this one starts at a line of its own.
     if (m_torn && WriteAll(m_file, "\n") == 1)
         m_torn = false;
-    const std::size_t written = WriteAll(m_file, line);
+    const std::size_t written = m_torn ? 0 : WriteAll(m_file, line);
     if (written == line.size())
         return true;
     reason = SystemReason("cannot write log file", m_work + "/log/" + m_fileName);
-    m_torn = m_torn || written > 0;
+    // What a full disk cut short goes whole to standard error, so it is taken back here. If somebody has written behind
+    // it, it stays, and the next record starts on a line of its own.
+    m_torn = m_torn || (written > 0 && !TakeBack(written));
     return false;
+}
+
+// Removes the last `length` bytes that this process has written, if they are still the end of the file.
+bool CLogFile::TakeBack(std::size_t length)
+{
+    const off_t end = lseek(m_file, 0, SEEK_CUR); // an append moves the position to its own end
+    struct stat status = {};
+    return end >= 0 && fstat(m_file, &status) == 0 && status.st_size == end &&
+           ftruncate(m_file, end - static_cast<off_t>(length)) == 0;
 }
 
 void CLogFile::WriteToStandardError(const std::string& line, const std::string& reason)

@@ -7,13 +7,15 @@
 #include <string>
 #include <string_view>
 
+#include <sys/stat.h>
+
 namespace VelCore {
 
 /// Appends records to `<app.path.work>/log/<app.name>.log` of the root domain, follows those settings when they
 /// change, and rotates the file.
 ///
 /// Several processes may share the file: each record is one append, and the rotation is done by one of them under a
-/// lock on the file, while the others notice by the size of the file they still hold.
+/// lock on the file, while the others notice that the file they hold is no longer the one of that name.
 ///
 /// Errors:    a record that the file does not take goes to standard error, after one line that says why.
 /// Ownership: one for the process, never destroyed, because threads may still log while the process ends.
@@ -46,6 +48,7 @@ private:
     bool ReadyToWrite(std::string& reason);
     bool Rotate();
     bool ShiftOldFiles();
+    bool TakeBack(std::size_t length);
     bool WriteLine(const std::string& line, std::string& reason);
     void WriteToStandardError(const std::string& line, const std::string& reason);
 
@@ -55,6 +58,7 @@ private:
     std::string m_fileName;               // of the log file in its folder
     int m_folder = -1;                    // descriptor of the log folder
     int m_file = -1;                      // descriptor of the log file
+    struct stat m_identity = {};          // of the log file: device and inode
     std::int64_t m_rotateAt = s_RotateAt; // moved on when a rotation fails
     bool m_torn = false;                  // the last write ended in the middle of a line
     std::string m_lastReason;             // why the last record did not reach the file; empty: it did

@@ -17,13 +17,13 @@ namespace SLB3 {
 template <typename T>
 struct Wrapper;
 
-/// The collector of by-pointer objects: checks the object, destroys nothing, since C++ owns it.
+/// The collector of by-pointer objects: checks the object, destroys nothing, since C++ owns it. A script that calls it
+/// by hand may pass anything; what is no object of the class is left alone.
 template <typename T>
 int Collect(lua_State* L)
 {
-    const auto* object = static_cast<const Object*>(lua_touserdata(L, 1));
-    if (object)
-        Unpack(*object);
+    if (const void* object = luaL_testudata(L, 1, Wrapper<T>::ClassName()))
+        Unpack(*static_cast<const Object*>(object));
     return 0;
 }
 
