@@ -43,13 +43,13 @@ function TestOptions.testUnknownOptionIsNamed()
   for _, word in ipairs({ "--bogus", "-l", "-", "--", "--list=1", "--helper" }) do
     local chosen, problem = options.Parse({ "/etc", word })
     lu.assertNil(chosen)
-    lu.assertEquals(problem, "kx_agent: unknown option '" .. word .. "'; --help lists the options\n")
+    lu.assertEquals(problem, "kx_agent: unknown option '" .. word .. "'; 'kx_agent -- --help' lists the options\n")
   end
 end
 
 function TestOptions.testUnknownOptionCannotForgeALine()
   local _, problem = options.Parse({ "-a\nkx_agent: all is well\27[2K" })
-  lu.assertEquals(problem, "kx_agent: unknown option '-a\\nkx_agent: all is well\\x1b[2K'; --help lists the options\n")
+  lu.assertEquals(problem, "kx_agent: unknown option '-a\\nkx_agent: all is well\\x1b[2K'; 'kx_agent -- --help' lists the options\n")
 end
 
 function TestOptions.testEmptyWordIsRefused()

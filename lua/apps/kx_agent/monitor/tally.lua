@@ -22,7 +22,9 @@ end
 -- Deeper folders go into the row of the subfolder that holds them, which was entered before.
 function tally:Folder(path, depth)
   if depth <= 1 then
-    self.rows[#self.rows + 1] = newRow(path)
+    local row = newRow(path)
+    row.isNamed = depth == 0
+    self.rows[#self.rows + 1] = row
   end
 end
 
@@ -35,9 +37,16 @@ function tally:Unreadable()
   count(self, "unreadable", 1)
 end
 
--- Array of { folder =, files =, bytes =, unreadable = }, in the order of the scan.
+-- Array of { folder =, files =, bytes =, unreadable = }, in the order of the scan. Subfolders in which nothing was found
+-- are left out; a named folder never is.
 function tally:Rows()
-  return self.rows
+  local rows = {}
+  for _, row in ipairs(self.rows) do
+    if row.isNamed or row.files + row.unreadable > 0 then
+      rows[#rows + 1] = { folder = row.folder, files = row.files, bytes = row.bytes, unreadable = row.unreadable }
+    end
+  end
+  return rows
 end
 
 -- The same numbers for the whole scan, without a folder.
