@@ -402,6 +402,17 @@ def test_os_exit_from_deep_inside(installation, way):
     assert (outcome.status, outcome.out, outcome.err) == (4, "last words", "")
 
 
+@pytest.mark.parametrize("call", ["os.exit(3, true)", "os.exit(3)", "os.exit(true, true)"])
+def test_closing_the_state_runs_the_finalizers(installation, call):
+    script = f"kept = setmetatable({{}}, {{ __gc = function() print('finalized') end }}) {call}"
+    wanted = stock_lua(script)
+
+    installation.write_app(main=script)
+    outcome = installation.run()
+
+    assert (outcome.status, outcome.out) == (wanted.status, wanted.out)
+
+
 @pytest.mark.parametrize("call", ["os.exit(0)", "os.exit(0, true)", "os.exit(3)", "return 0", "return 3", "error('x')"])
 @pytest.mark.parametrize("name", [None, "kx_agent"])
 def test_files_that_were_left_open_are_written_at_the_end(installation, name, call):
@@ -542,6 +553,16 @@ def test_many_children_at_once(installation):
     assert run_main(installation, main) == f"{sum(range(100))}\n"
 
 
+def test_child_that_went_away_is_a_write_error(installation):
+    main = """
+        local gone = io.popen('exec <&-; echo closed >closed.txt; exit 5', 'w')
+        repeat local there = io.open('closed.txt') until there and there:read('*l')
+        print((select(2, gone:write(('x'):rep(1000000)))))
+        print(gone:close())"""
+
+    assert run_main(installation, main) == "Broken pipe\nnil\texit\t5\n"
+
+
 def test_child_sees_what_was_printed_before(installation):
     out = run_main(installation, "io.write('1 ') print('2') io.stdout:write('3\\n') io.flush() os.execute('echo 4') print('5') io.stdout:flush() io.popen('echo 6', 'w'):close() print(7)")
 
@@ -616,6 +637,16 @@ def test_long_error_text_is_told_whole(installation):
 
     assert status == 2
     assert text.startswith("long " * 20000)
+
+
+def test_error_that_is_no_text_is_told_byte_for_byte(installation):
+    installation.write_app(main="error('before \\255\\254 after', 0)")
+
+    outcome = installation.run()
+
+    assert outcome.status == 2
+    assert outcome.stderr.startswith(b"before \xff\xfe after\n")
+    assert installation.log_lines("Error")[0].startswith("before \\xff\\xfe after\\n")
 
 
 def test_zero_byte_in_an_error_is_no_danger(installation):
@@ -733,6 +764,13 @@ def test_work_goes_on_after_a_caught_exhaustion(installation):
         print('still here')"""
 
     assert run_main(installation, main) == "still here\n"
+
+
+@pytest.mark.parametrize("limit", ["unlimited", "1000000", "262144"])
+def test_stack_of_the_caller_has_no_say(installation, limit):
+    main = "local function f(s) return (s:gsub('.', f)) end print(pcall(f, 'x'))"
+
+    assert run_main(installation, main, wrapper=("prlimit", f"--stack={limit}:unlimited")) == "false\tC stack overflow\n"
 
 
 def test_handled_errors_are_not_told(installation):

@@ -2,6 +2,7 @@
 
 import io
 import os
+import random
 import subprocess
 import zipfile
 
@@ -165,6 +166,22 @@ def test_every_archive_of_many_is_searched(installation):
     main = "for i = 0, 199 do local n = ('%03d'):format(i) assert(require('m' .. n).who == n .. '.kxe') end print('all')"
 
     assert run_main(installation, main, "-z", ";".join(names)) == "all\n"
+
+
+def test_more_archives_than_descriptors(installation):
+    names = [f"{number:03}.kxe" for number in range(300)]
+    for name in names:
+        put(installation, name, {f"m{name[:3]}.lua": who(name)})
+
+    out = run_main(
+        installation,
+        "for i = 0, 299 do assert(require(('m%03d'):format(i)).who) end print(io.open('more.txt', 'w') ~= nil)",
+        "-z",
+        ";".join(names),
+        wrapper=("prlimit", "--nofile=200"),
+    )
+
+    assert out == "true\n"
 
 
 # What a chunk is called, and gets
@@ -429,6 +446,14 @@ def test_bad_archive_named_on_the_command_line_is_reported_once(installation, ki
     assert len([text for text in installation.log_lines("Error") if str(bad) in text]) == 1, installation.log_lines()
 
 
+def test_bad_archive_that_is_listed_twice_is_reported_once(installation):
+    bad = bad_archive(installation, "text")
+
+    run_main(installation, "pcall(require, 'one') pcall(require, 'two')", "-z", "bad.kxe;bad.kxe")
+
+    assert len([text for text in installation.log_lines("Error") if str(bad) in text]) == 1, installation.log_lines()
+
+
 def test_archive_without_permission_is_reported_once_and_skipped(open_installation):
     bad, good = put(open_installation, "bad.kxe", {"one.lua": who("bad")}), put(open_installation, "good.kxe", {"one.lua": who("good")})
     bad.chmod(0)
@@ -497,6 +522,45 @@ def test_size_that_is_a_lie_is_damage(installation):
     out = run_main(installation, "print(pcall(require, 'hurt'))", "-z", "bad.kxe")
 
     assert out.startswith("false\t") and str(bad) in out and "hurt.lua" in out, out
+
+
+@pytest.mark.parametrize(
+    "field, offset",
+    [("method", 8), ("checksum", 14), ("compressed size", 18), ("size", 22), ("name length", 26), ("name", 30)],
+)
+def test_local_header_that_contradicts_the_directory_is_damage(installation, field, offset):
+    bad = put(installation, "bad.kxe", {"hurt.lua": who("hurt"), "well.lua": who("well")})
+    content = bytearray(bad.read_bytes())
+    content[offset] ^= 1
+    bad.write_bytes(content)
+
+    out = run_main(installation, "print(pcall(require, 'hurt')) print(require('well').who)", "-z", "bad.kxe")
+
+    assert out.startswith("false\t") and str(bad) in out and "hurt.lua" in out and out.endswith("\nwell\n"), (field, out)
+
+
+@pytest.mark.parametrize("seed", range(4))
+def test_archives_with_random_damage_never_end_the_run(installation, seed):
+    random_numbers = random.Random(seed)
+    names = []
+    for number in range(100):
+        text = "".join(chr(97 + random_numbers.randrange(26)) for _ in range(random_numbers.randrange(400)))
+        path = put(installation, f"{number}.kxe", {f"m{i}.lua": who("any") + "-- " + text for i in range(5)})
+        content = bytearray(path.read_bytes())
+        for _ in range(random_numbers.choice([1, 2, 5, 20])):
+            # Half of the damage falls on the last bytes, where the directory is.
+            reach = len(content) if random_numbers.random() < 0.5 else 100
+            content[-1 - random_numbers.randrange(min(reach, len(content)))] = random_numbers.randrange(256)
+        path.write_bytes(content)
+        names.append(path.name)
+    main = """
+        for _ = 1, 100 do
+            for i = 0, 4 do package.loaded['m' .. i] = nil pcall(require, 'm' .. i) end
+        end
+        print('still here')"""
+
+    for searched in (names, names[::-1]):
+        assert run_main(installation, main, "-z", ";".join(searched)) == "still here\n"
 
 
 @pytest.mark.parametrize("method", [zipfile.ZIP_BZIP2, zipfile.ZIP_LZMA])

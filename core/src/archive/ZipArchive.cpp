@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -26,12 +27,13 @@ std::string DescribeError(const char* what, int errorNumber)
 
 } // namespace
 
-/// An open file; owns its descriptor.
+/// An open file; owns its descriptor. A small file is read at once and its descriptor given back: descriptors are
+/// scarcer than memory, and an installation may have many small archives.
 class CZipArchive::FileSource : public ByteSource
 {
 public:
     explicit FileSource(int descriptor) : m_descriptor(descriptor) {}
-    ~FileSource() override { ::close(m_descriptor); }
+    ~FileSource() override { Close(); }
     FileSource(const FileSource&) = delete;
     FileSource& operator=(const FileSource&) = delete;
 
@@ -48,11 +50,13 @@ public:
             return false;
         }
         m_size = static_cast<std::uint64_t>(status.st_size);
-        return true;
+        return m_size > s_SmallSize || TakeIntoMemory(reason);
     }
 
     bool ReadAt(std::uint64_t offset, void* buffer, std::size_t length, std::string& reason) const override
     {
+        if (m_descriptor < 0)
+            return CopyFromMemory(offset, buffer, length, reason);
         auto* next = static_cast<char*>(buffer);
         while (length > 0) {
             const ssize_t count = ::pread(m_descriptor, next, length, static_cast<off_t>(offset));
@@ -76,8 +80,38 @@ public:
     std::uint64_t Size() const override { return m_size; }
 
 private:
-    int m_descriptor;
+    static const std::uint64_t s_SmallSize = 0x10000; // bytes
+
+    bool TakeIntoMemory(std::string& reason)
+    {
+        std::string bytes(static_cast<std::size_t>(m_size), '\0');
+        if (!ReadAt(0, bytes.data(), bytes.size(), reason))
+            return false;
+        m_bytes = std::move(bytes);
+        Close();
+        return true;
+    }
+
+    bool CopyFromMemory(std::uint64_t offset, void* buffer, std::size_t length, std::string& reason) const
+    {
+        if (offset > m_bytes.size() || length > m_bytes.size() - offset) {
+            reason = "the file is shorter than it should be";
+            return false;
+        }
+        std::memcpy(buffer, m_bytes.data() + offset, length);
+        return true;
+    }
+
+    void Close()
+    {
+        if (m_descriptor >= 0)
+            ::close(m_descriptor);
+        m_descriptor = -1;
+    }
+
+    int m_descriptor; // -1: the content is in memory
     std::uint64_t m_size = 0;
+    std::string m_bytes;
 };
 
 std::shared_ptr<const CZipArchive> CZipArchive::Open(const std::string& path, std::string& reason)
