@@ -38,7 +38,6 @@ void RegisterClassInfo(lua_State* L, const ClassInfo& info)
 void DefineClass(lua_State* L, const ClassInfo& info)
 {
     const int meta_ = lua_gettop(L);
-    SLB3_ASSERT(lua_istable(L, meta_) && "Invalid metatable");
     const int top = lua_gettop(L);
 
     lua_newtable(L); // the namespace
@@ -51,7 +50,6 @@ void DefineClass(lua_State* L, const ClassInfo& info)
     lua_setfield(L, meta_, "__class");
     lua_pushcfunction(L, info.collect);
     lua_setfield(L, meta_, "__gc");
-    RegisterClassInfo(L, info);
     lua_pop(L, 1);
 
     SLB3_ASSERT(top == lua_gettop(L) && "screwed stack at class creation");
@@ -59,6 +57,7 @@ void DefineClass(lua_State* L, const ClassInfo& info)
     lua_getfield(L, meta_, "__index");
     info.registerMethods(L, lua_gettop(L));
     lua_settop(L, top);
+    RegisterClassInfo(L, info);
 }
 
 } // namespace
@@ -66,7 +65,12 @@ void DefineClass(lua_State* L, const ClassInfo& info)
 void PushClass(lua_State* L, const ClassInfo& info)
 {
     luaL_checkstack(L, 6, "class definition");
-    if (luaL_newmetatable(L, info.name))
+    luaL_newmetatable(L, info.name);
+    const int meta_ = lua_gettop(L);
+    SLB3_ASSERT(lua_istable(L, meta_) && "Invalid metatable");
+    // The class information is the last thing that a definition registers, so one that ran out of memory half-way is
+    // done again.
+    if (!FindClass(L, info.name))
         DefineClass(L, info);
 }
 

@@ -30,9 +30,9 @@ wxString DescribeCurrentException()
         return wxString::Format(L"std::exception of type \"%s\", what() = \"%s\"", FromUtf8(TypeName(exception)),
                                 FromUtf8(exception.what()));
     } catch (const char* text) {
-        return wxString::Format(L"char * exception '%s'", FromUtf8(text));
+        return wxString::Format(L"char * exception '%s'", FromUtf8(text ? text : "(null)"));
     } catch (const wchar_t* text) {
-        return wxString::Format(L"wchar_t * exception '%s'", text);
+        return wxString::Format(L"wchar_t * exception '%s'", text ? text : L"(null)");
     } catch (int value) {
         return wxString::Format(L"int exception %d", value);
     } catch (unsigned int value) {

@@ -24,20 +24,28 @@ SqliteSettings g_settings;
 void RunPragma(sqlite3* connection, const char* name, std::int64_t value)
 {
     const std::string text = std::string("PRAGMA ") + name + "=" + std::to_string(value);
-    // A file that is no database refuses; its user gets that answer from the first statement of his own.
-    sqlite3_exec(connection, text.c_str(), nullptr, nullptr, nullptr);
+    // A file that is no database, or that somebody has locked, refuses. Its user gets that answer from the first
+    // statement of his own, not from opening it, so the connection's error is replaced by a success.
+    if (sqlite3_exec(connection, text.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK)
+        sqlite3_exec(connection, "SELECT 1", nullptr, nullptr, nullptr);
 }
 
 int ConfigureConnection(sqlite3* connection, char**, const sqlite3_api_routines*)
 {
-    sqlite3_busy_timeout(connection, static_cast<int>(g_settings.busyTimeout));
     if (g_settings.mmapSize)
         RunPragma(connection, "mmap_size", *g_settings.mmapSize);
     if (g_settings.cache)
         RunPragma(connection, "cache_size", *g_settings.cache);
     if (g_settings.synchronous)
         RunPragma(connection, "synchronous", *g_settings.synchronous);
+    // Last, so that opening a locked file does not wait.
+    sqlite3_busy_timeout(connection, static_cast<int>(g_settings.busyTimeout));
     return SQLITE_OK;
+}
+
+void ConfigureEveryConnection()
+{
+    sqlite3_auto_extension(reinterpret_cast<void (*)()>(ConfigureConnection));
 }
 
 SqliteSettings ReadSettings(const CDom& dom)
@@ -66,7 +74,7 @@ void CSqliteDatabase::InitializeSQLite(const CDom* dom)
     }
     if (g_settings.softHeapLimit)
         sqlite3_soft_heap_limit64(*g_settings.softHeapLimit);
-    sqlite3_auto_extension(reinterpret_cast<void (*)()>(ConfigureConnection));
+    ConfigureEveryConnection();
 }
 
 void CSqliteDatabase::ShutdownSQLite()
@@ -75,6 +83,8 @@ void CSqliteDatabase::ShutdownSQLite()
     // Every open connection holds memory of the library, and nothing else does once the extension is gone.
     if (sqlite3_memory_used() == 0)
         sqlite3_shutdown();
+    else
+        ConfigureEveryConnection();
 }
 
 } // namespace VelCore

@@ -23,6 +23,15 @@ bool IsFollowed(const std::string& key)
            (key == "app.trace" || key == "app.trace+" || key == "app.path.work" || key == "app.name");
 }
 
+bool HoldsBelow(const CDom& dom, const std::string& name)
+{
+    for (const std::string& key : dom.Keys(name)) {
+        if (key != name)
+            return true;
+    }
+    return false;
+}
+
 void NoteSettingsChange()
 {
     g_settingsGeneration.fetch_add(1, std::memory_order_release);
@@ -39,7 +48,7 @@ CDom* CDom::New(const char* name, CDom* parent, bool* existed, bool isolated)
 {
     if (name && parent) {
         if (existed)
-            *existed = !parent->Keys(name).empty();
+            *existed = HoldsBelow(*parent, name);
         return new CDom(parent->m_store, parent->m_prefix + name + '.');
     }
 

@@ -40,7 +40,13 @@ bool MakeFolders(const std::string& path, mode_t mode)
         return false;
     if (mkdir(path.c_str(), mode) == 0)
         return chmod(path.c_str(), mode) == 0;
-    return errno == EEXIST;
+    if (errno != EEXIST)
+        return false;
+    // Somebody else has just made it, or something that is no folder stands there.
+    if (stat(path.c_str(), &status) != 0)
+        return false;
+    errno = ENOTDIR;
+    return S_ISDIR(status.st_mode);
 }
 
 } // namespace VelCore

@@ -42,6 +42,28 @@ bool SecureOpened(int descriptor, const struct stat& status, const std::string& 
 
 bool SecureBelow(int folder, const std::string& path);
 
+// Opens a folder or file that is about to be secured. Its owner may lack the right to read it, and gives it to himself
+// first.
+int OpenEntry(int folder, const char* name)
+{
+    const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    int descriptor = openat(folder, name, flags);
+    if (descriptor < 0 && errno == EACCES && fchmodat(folder, name, kFileMode, AT_SYMLINK_NOFOLLOW) == 0)
+        descriptor = openat(folder, name, flags);
+    return descriptor;
+}
+
+// Secures what the descriptor holds, unless it is not what was found under the name.
+bool SecureFound(int descriptor, const struct stat& found, const std::string& path)
+{
+    struct stat opened = {};
+    if (fstat(descriptor, &opened) != 0)
+        return Report(path, errno);
+    if (opened.st_ino != found.st_ino || opened.st_dev != found.st_dev)
+        return Report(path, EAGAIN); // somebody changed it under our hands
+    return SecureOpened(descriptor, opened, path);
+}
+
 // Secures `name` in `folder`; `path` is what to call it in a report.
 bool SecureEntry(int folder, const char* name, const std::string& path, bool recursive, bool isTop)
 {
@@ -51,20 +73,12 @@ bool SecureEntry(int folder, const char* name, const std::string& path, bool rec
     if (!S_ISDIR(found.st_mode) && !S_ISREG(found.st_mode))
         return isTop ? Report(path, S_ISLNK(found.st_mode) ? ELOOP : EINVAL) : true;
 
-    const int descriptor = openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    const int descriptor = OpenEntry(folder, name);
     if (descriptor < 0)
         return Report(path, errno);
-    struct stat opened = {};
-    bool secured = false;
-    if (fstat(descriptor, &opened) != 0)
-        secured = Report(path, errno);
-    else if (opened.st_ino != found.st_ino || opened.st_dev != found.st_dev)
-        secured = Report(path, EAGAIN); // somebody changed it under our hands
-    else
-        secured = SecureOpened(descriptor, opened, path);
-
-    if (secured && recursive && S_ISDIR(opened.st_mode))
-        return SecureBelow(descriptor, path); // closes the descriptor
+    const bool secured = SecureFound(descriptor, found, path);
+    if (recursive && S_ISDIR(found.st_mode))
+        return SecureBelow(descriptor, path) && secured; // closes the descriptor
     close(descriptor);
     return secured;
 }
@@ -94,7 +108,10 @@ bool SecureBelow(int folder, const std::string& path)
 
 bool SecureFileOrDirectory(const wxString& path, bool recursive)
 {
-    const std::string bytes = ToUtf8(path);
+    std::string bytes = ToUtf8(path);
+    // A separator at the end would lead through a link.
+    while (bytes.size() > 1 && bytes.back() == '/')
+        bytes.pop_back();
     return SecureEntry(AT_FDCWD, bytes.c_str(), bytes, recursive, true);
 }
 

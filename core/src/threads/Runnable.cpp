@@ -47,20 +47,21 @@ bool CRunnable::start(unsigned int priority, bool inheritSignals, unsigned int s
     wxLog::GetActiveTarget();
     GiveSignalAHandler(SigThreadDelete);
 
-    if (Create(stackSize == 0 ? kStackSize : stackSize) != wxTHREAD_NO_ERROR)
-        return false;
-    if (priority != wxPRIORITY_DEFAULT)
-        SetPriority(priority);
-
+    // The system's thread, and with it the signal mask, is made by Create; Run only lets it go.
     sigset_t all;
     sigset_t callers;
     sigfillset(&all);
     if (!inheritSignals)
         pthread_sigmask(SIG_SETMASK, &all, &callers);
-    const bool started = Run() == wxTHREAD_NO_ERROR;
+    const bool created = Create(stackSize == 0 ? kStackSize : stackSize) == wxTHREAD_NO_ERROR;
     if (!inheritSignals)
         pthread_sigmask(SIG_SETMASK, &callers, nullptr);
+    if (!created)
+        return false;
 
+    if (priority != wxPRIORITY_DEFAULT)
+        SetPriority(priority);
+    const bool started = Run() == wxTHREAD_NO_ERROR;
     const std::lock_guard lock(m_mutex);
     if (started)
         m_phase = Phase::Started;

@@ -197,6 +197,7 @@ bool CLogFile::Rotate()
         fcntl(m_file, F_SETLK, &whole);
         return false;
     }
+    m_rotateAt = s_RotateAt;
     Close(); // releases the lock
     return true;
 }
