@@ -49,7 +49,8 @@ end
 
 function TestOptions.testUnknownOptionCannotForgeALine()
   local _, problem = options.Parse({ "-a\nkx_agent: all is well\27[2K" })
-  lu.assertEquals(problem, "kx_agent: unknown option '-a\\nkx_agent: all is well\\x1b[2K'; 'kx_agent -- --help' lists the options\n")
+  local named = "'-a\\nkx_agent: all is well\\x1b[2K'"
+  lu.assertEquals(problem, "kx_agent: unknown option " .. named .. "; 'kx_agent -- --help' lists the options\n")
 end
 
 function TestOptions.testEmptyWordIsRefused()

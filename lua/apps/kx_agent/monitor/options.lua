@@ -29,7 +29,8 @@ function options.Parse(words)
     elseif word == "--list" then
       chosen.list = true
     elseif word:sub(1, 1) == "-" then
-      return nil, ("kx_agent: unknown option '%s'; 'kx_agent -- --help' lists the options\n"):format(text.Printable(word))
+      local printable = text.Printable(word)
+      return nil, ("kx_agent: unknown option '%s'; 'kx_agent -- --help' lists the options\n"):format(printable)
     elseif word == "" then
       return nil, "kx_agent: the name of a folder is empty\n"
     else

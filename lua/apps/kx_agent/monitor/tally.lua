@@ -37,8 +37,8 @@ function tally:Unreadable()
   count(self, "unreadable", 1)
 end
 
--- Array of { folder =, files =, bytes =, unreadable = }, in the order of the scan. Subfolders in which nothing was found
--- are left out; a named folder never is.
+-- Array of { folder =, files =, bytes =, unreadable = }, in the order of the scan. Subfolders in which nothing was
+-- found are left out; a named folder never is.
 function tally:Rows()
   local rows = {}
   for _, row in ipairs(self.rows) do

@@ -23,16 +23,18 @@ struct Pipe
     Pipe() { EXPECT_EQ(0, pipe2(ends, O_CLOEXEC)); }
     ~Pipe()
     {
-        CloseReader();
-        close(ends[1]);
+        Close(0);
+        Close(1);
     }
-    void CloseReader()
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+    void Close(int end)
     {
-        if (ends[0] >= 0)
-            close(ends[0]);
-        ends[0] = -1;
+        if (ends[end] >= 0)
+            close(ends[end]);
+        ends[end] = -1;
     }
-    int ends[2]{-1, -1};
+    int ends[2]{-1, -1}; // to read from, to write to
 };
 
 bool IsFolder(const std::string& path)
@@ -57,10 +59,11 @@ TEST(WriteAll, WritesMoreThanAPipeHolds)
     std::thread reader([&] {
         char buffer[4096];
         ssize_t part = 0;
-        while (got.size() < bytes.size() && (part = read(pipe.ends[0], buffer, sizeof buffer)) > 0)
+        while ((part = read(pipe.ends[0], buffer, sizeof buffer)) > 0)
             got.append(buffer, static_cast<std::size_t>(part));
     });
     EXPECT_EQ(bytes.size(), WriteAll(pipe.ends[1], bytes));
+    pipe.Close(1);
     reader.join();
     EXPECT_TRUE(got == bytes);
 }
@@ -82,7 +85,7 @@ TEST(WriteAll, ErrorIsNamedByErrno)
     EXPECT_EQ(EBADF, errno);
 
     Pipe pipe;
-    pipe.CloseReader();
+    pipe.Close(0);
     const auto handler = std::signal(SIGPIPE, SIG_IGN);
     EXPECT_EQ(0u, WriteAll(pipe.ends[1], "x"));
     EXPECT_EQ(EPIPE, errno);
@@ -109,12 +112,13 @@ TEST(WriteAll, GoesOnAfterAnInterruption)
     std::thread reader([&] {
         char buffer[1024];
         ssize_t part = 0;
-        while (got < bytes.size() && (part = read(pipe.ends[0], buffer, sizeof buffer)) > 0) {
+        while ((part = read(pipe.ends[0], buffer, sizeof buffer)) > 0) {
             got += static_cast<std::size_t>(part);
             pthread_kill(writer, SIGUSR1);
         }
     });
     EXPECT_EQ(bytes.size(), WriteAll(pipe.ends[1], bytes));
+    pipe.Close(1);
     reader.join();
     EXPECT_EQ(bytes.size(), got);
     sigaction(SIGUSR1, &before, nullptr);
