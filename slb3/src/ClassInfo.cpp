@@ -56,7 +56,8 @@ void DefineClass(lua_State* L, const ClassInfo& info)
 
     lua_getfield(L, meta_, "__index");
     info.registerMethods(L, lua_gettop(L));
-    lua_settop(L, top);
+    lua_pop(L, 1);
+    SLB3_ASSERT(top == lua_gettop(L) && "screwed stack at class creation");
     RegisterClassInfo(L, info);
 }
 

@@ -684,7 +684,9 @@ def test_error_in_a_finalizer_during_os_exit(installation):
         "local function f() return f() + 1 end local ok, text = pcall(f) print(ok, text:match('stack overflow'))",
         "local function f(s) return (s:gsub('.', f)) end print(pcall(f, 'x'))",
         "local t = setmetatable({}, {}) getmetatable(t).__index = function(_, k) return t[k] end local ok, text = pcall(function() return t.x end) print(ok, text:match('C stack overflow'))",
-        "local s = ('x'):rep(2^20) print(pcall(string.rep, s, 2^31 - 1))",
+        pytest.param(
+            "local s = ('x'):rep(2^20) print(pcall(string.rep, s, 2^31 - 1))", marks=pytest.mark.address_space
+        ),
         "local n = 0 local function f() n = n + 1 local a, b = pcall(f) return a, b end f() print(n > 100)",
         "local co co = coroutine.wrap(function() return co() end) print(pcall(co))",
         "local function f() return coroutine.wrap(f)() end print((pcall(f)))",
@@ -721,7 +723,12 @@ def test_caught_failures_are_those_of_lua(installation, script):
         ("local function g() table.sort({1, 2, 3}, g) end g()", (2, 6), "stack overflow"),
         ("local t = setmetatable({}, {}) getmetatable(t).__tostring = function() return tostring(t) end tostring(t)", (2, 6), "stack overflow"),
         ("local function f() require = f error(setmetatable({}, {__tostring = f})) end f()", (2, 6), ""),
-        ("local s = ('x'):rep(2^20) return s:rep(2^31 - 1)", (4,), "not enough memory"),
+        pytest.param(
+            "local s = ('x'):rep(2^20) return s:rep(2^31 - 1)",
+            (4,),
+            "not enough memory",
+            marks=pytest.mark.address_space,
+        ),
     ],
     ids=["lua", "gsub", "coroutine", "sort", "tostring", "message", "memory"],
 )
@@ -733,6 +740,7 @@ def test_exhaustion_is_told_and_survived(installation, failure, statuses, messag
     assert len(text) < 20000
 
 
+@pytest.mark.address_space
 def test_exhaustion_of_the_address_space_is_told(installation):
     if "ASAN_OPTIONS" in os.environ or "TSAN_OPTIONS" in os.environ:
         limit = ()  # a sanitizer needs more address space than any limit leaves; the cap below ends the loop

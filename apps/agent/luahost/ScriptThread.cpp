@@ -5,6 +5,8 @@
 #include "luahost/ScriptThread.h"
 
 #include <cstdlib>
+#include <future>
+#include <memory>
 
 #include <wx/evtloop.h>
 
@@ -25,10 +27,18 @@ int RunScriptGuarded(CAgentApp& app)
 }
 
 // The request is queued, so it also reaches an event loop that does not exist yet.
+//
+// Queueing ends with waking the loop up, when the main thread may already have carried the request out. The loop is
+// destroyed as soon as it has ended, so it must not end before this thread is through with it.
 void EndEventLoop(CAgentApp& app, int status)
 {
+    const auto queued = std::make_shared<std::promise<void>>();
     app.QueueEvent(new wxIdleEvent);
-    app.CallAfter([&app, status] { app.GetMainLoop()->ScheduleExit(status); });
+    app.CallAfter([&app, status, queued] {
+        queued->get_future().wait();
+        app.GetMainLoop()->ScheduleExit(status);
+    });
+    queued->set_value();
 }
 
 } // namespace

@@ -12,6 +12,8 @@ class CCommandWords
 {
 public:
     CCommandWords(int argc, char** argv);
+    CCommandWords(const CCommandWords&) = delete; // points into itself
+    CCommandWords& operator=(const CCommandWords&) = delete;
 
     int& Count() { return m_count; }
     wchar_t** Words() { return m_words.data(); }

@@ -13,8 +13,9 @@ namespace VelCore {
 /// An open archive: its directory in memory, and its content as well when it is small (64 KiB), else its descriptor
 /// kept.
 ///
-/// The archive may be replaced or removed on disk; this object goes on with the file that was opened. A file that is
-/// cut or overwritten in place gives errors for the entries that are hit, never a crash: it is read, not mapped.
+/// The archive may be replaced or removed on disk; this object goes on with the file that was opened. A larger file
+/// that is cut or overwritten in place gives errors for the entries that are hit, never a crash: it is read, not
+/// mapped.
 ///
 /// Ownership: shared; the descriptor is closed with the last owner. Programs that are started do not inherit it.
 /// Threads:   everything but the end of its life may be called from several threads at once.

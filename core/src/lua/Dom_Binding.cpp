@@ -170,10 +170,10 @@ struct LogLevel
 const LogLevel kLogLevels[] = {
     {"error", wxLOG_Error}, {"warning", wxLOG_Warning}, {"message", wxLOG_Message}, {"verbose", wxLOG_Info}};
 
-const LogLevel* FindLevel(const char* name)
+const LogLevel* FindLevel(std::string_view name)
 {
     for (const LogLevel& level : kLogLevels) {
-        if (std::strcmp(level.name, name) == 0)
+        if (name == level.name)
             return &level;
     }
     return nullptr;
@@ -184,7 +184,7 @@ int Log(lua_State* L)
     SLB3::Self<CDom>(L, "Log");
     const Text name = CheckText(L, "Log", 1);
     const Text text = CheckText(L, "Log", 2);
-    const LogLevel* level = FindLevel(name.bytes);
+    const LogLevel* level = FindLevel(name.View());
     if (!level)
         return ArgumentError(L, "Log", 1, lua_pushfstring(L, "unknown level '%s'", name.bytes));
     VelCore::LogText(level->level, text.View());

@@ -4,6 +4,7 @@
 
 #include <VelCore/EndProcess.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <future>
@@ -27,6 +28,12 @@ void FlushAll()
 
 void EndProcess(int status)
 {
+    static std::atomic_flag b_Ending = ATOMIC_FLAG_INIT;
+    if (b_Ending.test_and_set()) {
+        for (;;)
+            pause(); // another thread is already ending the process
+    }
+
     // fflush(nullptr) takes the lock of every stream, one after the other; a thread that blocks in a read holds one of
     // them. So the flush runs beside us and gets a limited time.
     static std::promise<void>& flushed = *new std::promise<void>;
@@ -38,10 +45,6 @@ void EndProcess(int status)
         flushed.get_future().wait_for(kFlushPatience);
     } catch (const std::system_error&) {
         FlushAll(); // no thread to be had: then nobody is waiting for input in one either, as a rule
-    } catch (const std::future_error&) {
-        // Another thread is already ending the process.
-        for (;;)
-            pause();
     }
     _exit(status);
 }

@@ -176,6 +176,12 @@ TEST_F(DomBinding, AnUnknownLevelIsAnArgumentError)
     }
 }
 
+TEST_F(DomBinding, ALevelNameIsTakenWhole)
+{
+    EXPECT_EQ(0u, Value("dom:Log('error\\0', 'x')").find("error: test:1: bad argument #1 to 'Log' (unknown level"));
+    EXPECT_TRUE(m_script.Log().Texts(wxLOG_Error).size() == 1) << "more than the failure of the script";
+}
+
 struct BadCall
 {
     const char* call;
