@@ -761,6 +761,7 @@ def test_exhaustion_of_the_address_space_is_told(installation):
         assert outcome.status == 2
 
 
+@pytest.mark.address_space
 def test_work_goes_on_after_a_caught_exhaustion(installation):
     main = """
         local function lua_stack() return lua_stack() + 1 end
