@@ -14,6 +14,7 @@ struct lua_State;
 
 namespace VelCore {
 
+class CAgentEvent;
 class CDomStore;
 
 /// A value of the store, in its own kind. Strings are bytes, by convention UTF-8.
@@ -91,6 +92,14 @@ public:
     /// The work folder of a plug-in, `<app.path.work>/<name>`. Whoever writes there first creates it.
     wxString GetPluginWorkdirWx(const wxString& name) const;
 
+    /// Stores one event in table `agent_event` of the SQLite database `<app.path.work>/agent_events.db`. The row is
+    /// durable when the call returns.
+    ///
+    /// Errors:  an error-level record that holds the whole event. A damaged database is set aside under another name,
+    ///          which is such a record too, and a new one is started.
+    /// Threads: any; it waits for the disk, and for other writers up to `sqlite.config.busy_timeout`.
+    void AgentEventWrite(const CAgentEvent& event) const;
+
     /// Makes `require` in this state find modules in the archives that `app.lua.zippath` names now.
     ///
     /// Stack:  unchanged.
@@ -100,6 +109,8 @@ public:
 
 private:
     CDom(std::shared_ptr<CDomStore> store, std::string prefix);
+
+    std::string WorkFolder() const;
 
     std::shared_ptr<CDomStore> m_store; // shared with the views below this domain
     std::string m_prefix;               // "" for a store of its own, else the view's name and a dot

@@ -22,7 +22,8 @@ public:
     /// Threads: call it before the second thread exists.
     static void InitializeSQLite(const CDom* dom);
 
-    /// Shuts the library down, unless a connection is still open: then it is left alone.
+    /// Closes the agent events and shuts the library down, unless another connection is still open: then the library
+    /// is left alone.
     static void ShutdownSQLite();
 };
 

@@ -14,6 +14,7 @@
 #include <VelCore/Utf8.h>
 
 #include "database/SqliteSettings.h"
+#include "events/EventStore.h"
 
 namespace VelCore {
 namespace {
@@ -79,6 +80,7 @@ void CSqliteDatabase::InitializeSQLite(const CDom* dom)
 
 void CSqliteDatabase::ShutdownSQLite()
 {
+    CEventStore::Get().Close();
     sqlite3_reset_auto_extension();
     // Every open connection holds memory of the library, and nothing else does once the extension is gone.
     if (sqlite3_memory_used() == 0)

@@ -169,12 +169,16 @@ std::vector<std::string> CDom::Keys(const std::string& prefix) const
     return shown;
 }
 
-wxString CDom::GetPluginWorkdirWx(const wxString& name) const
+std::string CDom::WorkFolder() const
 {
     CDomValue work;
-    // Work folders hang below the root's, whichever view is asked.
-    const wxString folder = m_store->Read("app.path.work", work) ? FromUtf8(DomValueText(work)) : wxString();
-    return folder + L"/" + name;
+    // There is one for the process, whichever view is asked.
+    return m_store->Read("app.path.work", work) ? DomValueText(work) : std::string();
+}
+
+wxString CDom::GetPluginWorkdirWx(const wxString& name) const
+{
+    return FromUtf8(WorkFolder()) + L"/" + name;
 }
 
 } // namespace VelCore

@@ -18,53 +18,28 @@
 #include <VelCore/Trace.h>
 #include <VelCore/Utf8.h>
 
+#include "lua/AgentEvent_Binding.h"
+#include "lua/Arguments.h"
 #include "trace/LogText.h"
 
 namespace {
 
+using VelCore::ArgumentError;
 using VelCore::CDom;
 using VelCore::CDomValue;
+using VelCore::CheckText;
 using VelCore::FromUtf8;
-
-struct Text
-{
-    const char* bytes;
-    std::size_t length;
-
-    std::string_view View() const { return {bytes, length}; }
-};
+using VelCore::LuaText;
+using VelCore::TypeError;
 
 thread_local std::string t_key;
 thread_local CDomValue t_value;
 thread_local std::vector<std::string> t_keys;
 
-// A Lua argument error that names the method, however it was called. `argument` counts behind the colon.
-int ArgumentError(lua_State* L, const char* method, int argument, const char* reason)
-{
-    return luaL_error(L, "bad argument #%d to '%s' (%s)", argument, method, reason);
-}
-
-int TypeError(lua_State* L, const char* method, int argument, const char* expected)
-{
-    const int at = argument + 1;
-    const char* got = lua_isnone(L, at) ? "no value" : luaL_typename(L, at);
-    return ArgumentError(L, method, argument, lua_pushfstring(L, "%s expected, got %s", expected, got));
-}
-
-// A string argument, or a number, which Lua turns into its text.
-Text CheckText(lua_State* L, const char* method, int argument)
-{
-    Text text{nullptr, 0};
-    text.bytes = lua_tolstring(L, argument + 1, &text.length);
-    if (!text.bytes)
-        TypeError(L, method, argument, "string");
-    return text;
-}
-
 // Sets t_key.
 const std::string& CheckKey(lua_State* L, const char* method)
 {
-    const Text key = CheckText(L, method, 1);
+    const LuaText key = CheckText(L, method, 1);
     if (key.length == 0)
         ArgumentError(L, method, 1, "empty key");
     t_key.assign(key.bytes, key.length);
@@ -116,7 +91,7 @@ int Set(lua_State* L)
         dom.SetValue(key, NumberValue(lua_tonumber(L, 3)));
         return 0;
     case LUA_TSTRING: {
-        const Text value = CheckText(L, "Set", 2);
+        const LuaText value = CheckText(L, "Set", 2);
         dom.SetValue(key, std::string(value.View()));
         return 0;
     }
@@ -138,7 +113,7 @@ int Keys(lua_State* L)
     if (lua_isnoneornil(L, 2)) {
         t_key.clear();
     } else {
-        const Text prefix = CheckText(L, "Keys", 1);
+        const LuaText prefix = CheckText(L, "Keys", 1);
         t_key.assign(prefix.bytes, prefix.length);
     }
     t_keys = dom.Keys(t_key);
@@ -155,39 +130,21 @@ int Keys(lua_State* L)
 int GetPluginWorkdir(lua_State* L)
 {
     const CDom& dom = SLB3::Self<CDom>(L, "GetPluginWorkdir");
-    const Text name = CheckText(L, "GetPluginWorkdir", 1);
+    const LuaText name = CheckText(L, "GetPluginWorkdir", 1);
     t_key = VelCore::ToUtf8(dom.GetPluginWorkdirWx(FromUtf8(name.View())));
     lua_pushlstring(L, t_key.data(), t_key.size());
     return 1;
 }
 
-struct LogLevel
-{
-    const char* name;
-    wxLogLevel level;
-};
-
-const LogLevel kLogLevels[] = {
-    {"error", wxLOG_Error}, {"warning", wxLOG_Warning}, {"message", wxLOG_Message}, {"verbose", wxLOG_Info}};
-
-const LogLevel* FindLevel(std::string_view name)
-{
-    for (const LogLevel& level : kLogLevels) {
-        if (name == level.name)
-            return &level;
-    }
-    return nullptr;
-}
-
 int Log(lua_State* L)
 {
     SLB3::Self<CDom>(L, "Log");
-    const Text name = CheckText(L, "Log", 1);
-    const Text text = CheckText(L, "Log", 2);
-    const LogLevel* level = FindLevel(name.View());
+    const LuaText name = CheckText(L, "Log", 1);
+    const LuaText text = CheckText(L, "Log", 2);
+    const wxLogLevel* level = VelCore::FindLogLevel(name.View());
     if (!level)
         return ArgumentError(L, "Log", 1, lua_pushfstring(L, "unknown level '%s'", name.bytes));
-    VelCore::LogText(level->level, text.View());
+    VelCore::LogText(*level, text.View());
     return 0;
 }
 
@@ -222,8 +179,8 @@ const char* FunctionName(const lua_Debug& caller)
 int LogTrace(lua_State* L)
 {
     SLB3::Self<CDom>(L, "LogTrace");
-    const Text module = CheckText(L, "LogTrace", 1);
-    const Text text = CheckText(L, "LogTrace", 2);
+    const LuaText module = CheckText(L, "LogTrace", 1);
+    const LuaText text = CheckText(L, "LogTrace", 2);
     const lua_Debug caller = FindCaller(L);
     VelCore::LogTrace(FromUtf8(module.View()), SourceName(caller), caller.currentline, FunctionName(caller),
                       FromUtf8(text.View()));
@@ -233,7 +190,7 @@ int LogTrace(lua_State* L)
 int LogTraceIsEnabled(lua_State* L)
 {
     SLB3::Self<CDom>(L, "LogTraceIsEnabled");
-    const Text module = CheckText(L, "LogTraceIsEnabled", 1);
+    const LuaText module = CheckText(L, "LogTraceIsEnabled", 1);
     lua_pushboolean(L, VelCore::LogTraceIsEnabled(FromUtf8(module.View())));
     return 1;
 }
@@ -246,6 +203,7 @@ int TimeNowMillis(lua_State* L)
 }
 
 const luaL_Reg kMethods[] = {
+    {"AgentEventWrite", VelCore::LuaAgentEventWrite},
     {"Get", Get},
     {"GetPluginWorkdir", GetPluginWorkdir},
     {"Has", Has},
