@@ -352,6 +352,39 @@ def test_not_found_lists_every_place(installation):
     assert all(line.startswith("\t") for line in shown[1:]), shown
 
 
+def test_not_found_lists_every_archive_that_was_left_out_with_its_reason(installation):
+    folder = installation.root / "ext"
+    folder.mkdir()
+    contents = {
+        "none": None,
+        "noline": "something: else\n",
+        "odd": "version: eleven\n",
+        "old": "version: 10.5.0-1\n",
+        "fits": "version: 11.0.0-1\n",
+    }
+    for name, version in contents.items():
+        write_archive(folder / f"{name}.kxe", {"other.lua": ""})
+        if version:
+            (folder / f"{name}.kxe.version").write_text(version)
+    damaged = put(installation, "damaged.kxe", {"other.lua": ""})
+    damaged.write_bytes(b"no archive")
+
+    out = run_main(installation, "print(select(2, pcall(require, 'no.such')))", "-e", folder, "-z", f"damaged.kxe;{installation.bin}/missing.kxe")
+
+    skipped = sorted(line for line in lines_of(out) if "' skipped: " in line)
+    assert skipped == sorted(
+        [
+            f"\tarchive '{damaged}' skipped: not a ZIP archive: no end-of-directory record",
+            f"\tarchive '{installation.bin}/missing.kxe' skipped: there is no such file",
+            f"\tarchive '{folder}/none.kxe' skipped: it has no '.version' file",
+            f"\tarchive '{folder}/noline.kxe' skipped: its '.version' file has no 'version:' line",
+            f"\tarchive '{folder}/odd.kxe' skipped: the 'version:' line of its '.version' file is not properly formatted",
+            f"\tarchive '{folder}/old.kxe' skipped: its version (10.5.0) doesn't match ours (11.0.0)",
+        ]
+    )
+    assert f"\tno module 'no.such' in archive '{folder}/fits.kxe'" in lines_of(out)
+
+
 @pytest.mark.parametrize(
     "name",
     ["''", "'.'", "'..'", "'...'", "'a..b'", "'../x'", "'/etc/passwd'", "'a/b'", "'a\\\\b'", "'a\\0b'", "'\\0'", "'%s%n'", "'?'", "';'", "' '",

@@ -12,6 +12,7 @@
 #include <wx/log.h>
 
 #include <VelCore/Dom.h>
+#include <VelCore/SkippedArchives.h>
 #include <VelCore/Trace.h>
 
 #include "DomainKeys.h"
@@ -111,6 +112,7 @@ void CAgentApp::AppendSpecification(const wxString& token, wxString& zippath)
         const wxString path = candidate.GetFullPath();
         if (!wxIsReadable(path)) {
             wxLogWarning(L"Extension file '%s' isn't readable", path);
+            VelCore::NoteSkippedArchive(path, L"it isn't readable");
             continue;
         }
         // Explicitly named files skip the version gate: an operator who names a file means it.
@@ -121,6 +123,8 @@ void CAgentApp::AppendSpecification(const wxString& token, wxString& zippath)
                      wxString::Format(L"Adding extension file '%s' to the search path.", path));
         AppendToList(zippath, path);
     }
-    if (files.empty() && !IsWildcard(specification.GetFullName()))
+    if (files.empty() && !IsWildcard(specification.GetFullName())) {
         wxLogWarning(L"%s: no matches", token);
+        VelCore::NoteSkippedArchive(specification.GetFullPath(), L"there is no such file");
+    }
 }

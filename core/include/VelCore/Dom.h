@@ -100,7 +100,8 @@ public:
     /// Threads: any; it waits for the disk, and for other writers up to `sqlite.config.busy_timeout`.
     void AgentEventWrite(const CAgentEvent& event) const;
 
-    /// Makes `require` in this state find modules in the archives that `app.lua.zippath` names now.
+    /// Makes `require` in this state find modules in the archives that `app.lua.zippath` names now, and a module
+    /// `vel.archives` that tells which modules they hold.
     ///
     /// Stack:  unchanged.
     /// Errors: a Lua error when the package library is not open or memory is short; an archive that cannot be read

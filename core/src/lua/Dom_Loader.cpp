@@ -34,6 +34,7 @@ struct Buffers
     std::string chunkName; // "@<archive>/<entry>"
     std::string content;
     std::string text; // of an error, or why the content cannot be read
+    std::vector<std::string> names;
 };
 thread_local Buffers t_buffers;
 
@@ -64,11 +65,17 @@ void ReleaseContent()
         t_buffers.content.shrink_to_fit();
 }
 
-const ArchivedModule* FindModule(const CModuleIndex& index, const char* name, std::size_t length)
+// The path that a module's name stands for, in a buffer.
+const std::string& PathOf(const char* name, std::size_t length)
 {
     t_buffers.path.assign(name, length);
     std::replace(t_buffers.path.begin(), t_buffers.path.end(), '.', '/');
-    return index.Find(t_buffers.path);
+    return t_buffers.path;
+}
+
+const CModuleIndex& IndexOf(lua_State* L)
+{
+    return **static_cast<IndexPointer*>(lua_touserdata(L, lua_upvalueindex(1)));
 }
 
 // stack: module name -> loader and its second argument, or a text that says where the module was not found.
@@ -77,9 +84,9 @@ int SearchArchives(lua_State* L)
 {
     std::size_t length = 0;
     const char* name = luaL_checklstring(L, 1, &length);
-    const CModuleIndex& index = **static_cast<IndexPointer*>(lua_touserdata(L, lua_upvalueindex(1)));
+    const CModuleIndex& index = IndexOf(L);
 
-    const ArchivedModule* module = FindModule(index, name, length);
+    const ArchivedModule* module = index.Find(PathOf(name, length));
     if (!module) {
         t_buffers.text = index.NotFoundText(std::string_view(name, length));
         lua_pushlstring(L, t_buffers.text.data(), t_buffers.text.size());
@@ -100,8 +107,35 @@ int SearchArchives(lua_State* L)
     return 2;
 }
 
-// stack: searchers -> searchers, searcher
-void PushSearcher(lua_State* L, const CDom& dom)
+// `Names(prefix)` of module `vel.archives`. Upvalue: the index.
+int ListNames(lua_State* L)
+{
+    std::size_t length = 0;
+    const char* prefix = luaL_checklstring(L, 1, &length);
+    std::vector<std::string>& names = t_buffers.names;
+    names = IndexOf(L).NamesBelow(PathOf(prefix, length));
+    lua_createtable(L, static_cast<int>(names.size()), 0);
+    int at = 0;
+    for (const std::string& name : names) {
+        lua_pushlstring(L, name.data(), name.size());
+        lua_rawseti(L, -2, ++at);
+    }
+    names.clear();
+    return 1;
+}
+
+// The loader of module `vel.archives`. Upvalue: the index.
+int OpenArchives(lua_State* L)
+{
+    lua_createtable(L, 0, 1);
+    lua_pushvalue(L, lua_upvalueindex(1));
+    lua_pushcclosure(L, ListNames, 1);
+    lua_setfield(L, -2, "Names");
+    return 1;
+}
+
+// stack: -> index
+void PushIndex(lua_State* L, const CDom& dom)
 {
     auto* index = static_cast<IndexPointer*>(lua_newuserdata(L, sizeof(IndexPointer)));
     new (index) IndexPointer;
@@ -110,7 +144,6 @@ void PushSearcher(lua_State* L, const CDom& dom)
     lua_setfield(L, -2, "__gc");
     lua_setmetatable(L, -2);
     *index = std::make_unique<const CModuleIndex>(dom.Get("app.lua.zippath"));
-    lua_pushcclosure(L, SearchArchives, 1);
 }
 
 } // namespace
@@ -118,7 +151,7 @@ void PushSearcher(lua_State* L, const CDom& dom)
 void CDom::RegisterLoader(lua_State* L) const
 {
     const int top = lua_gettop(L);
-    luaL_checkstack(L, 5, "module searchers");
+    luaL_checkstack(L, 6, "module searchers");
     lua_getglobal(L, "package");
     lua_getfield(L, -1, "searchers");
     const int searchers = lua_gettop(L);
@@ -128,8 +161,15 @@ void CDom::RegisterLoader(lua_State* L) const
         lua_rawgeti(L, searchers, at);
         lua_rawseti(L, searchers, at + 1);
     }
-    PushSearcher(L, *this);
+    PushIndex(L, *this);
+    lua_pushvalue(L, -1);
+    lua_pushcclosure(L, SearchArchives, 1);
     lua_rawseti(L, searchers, kArchiveSearcher);
+
+    lua_pushcclosure(L, OpenArchives, 1);
+    lua_getfield(L, searchers - 1, "preload");
+    lua_insert(L, -2);
+    lua_setfield(L, -2, "vel.archives");
     lua_settop(L, top);
 }
 

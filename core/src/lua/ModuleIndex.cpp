@@ -15,12 +15,18 @@
 #include <VelCore/Utf8.h>
 
 #include "archive/ZipArchive.h"
+#include "lua/SkippedArchives.h"
 
 namespace VelCore {
 namespace {
 
 const std::string_view kSuffix = ".lua";
 const std::string_view kInit = "/init";
+
+std::string SkippedLine(const std::string& path, const std::string& reason)
+{
+    return "\n\tarchive '" + path + "' skipped: " + reason;
+}
 
 bool EndsWith(std::string_view text, std::string_view end)
 {
@@ -102,9 +108,35 @@ std::string CModuleIndex::NotFoundText(std::string_view module) const
         if (searched->reason.empty())
             text.append("\n\tno module '").append(module).append("' in archive '").append(searched->path).append("'");
         else
-            text.append("\n\tarchive '").append(searched->path).append("' skipped: ").append(searched->reason);
+            text.append(SkippedLine(searched->path, searched->reason));
+    }
+    for (const auto& [path, reason] : SkippedArchives()) {
+        if (!IsSearched(path))
+            text.append(SkippedLine(path, reason));
     }
     return text;
+}
+
+bool CModuleIndex::IsSearched(const std::string& path) const
+{
+    return std::any_of(m_archives.begin(), m_archives.end(),
+                       [&path](const auto& searched) { return searched->path == path; });
+}
+
+std::vector<std::string> CModuleIndex::NamesBelow(const std::string& path) const
+{
+    const std::string start = path.empty() ? path : path + "/";
+    std::vector<std::string> names;
+    for (const auto& [modulePath, module] : m_modules) {
+        if (modulePath.substr(0, start.size()) != start)
+            continue;
+        const std::string_view name = modulePath.substr(start.size());
+        // A name with a dot in it stands for another path, so `require` does not come here for it.
+        if (!name.empty() && name.find_first_of("/.") == std::string_view::npos)
+            names.emplace_back(name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 } // namespace VelCore

@@ -52,10 +52,18 @@ public:
     /// path  the module's name with "/" for "."
     const ArchivedModule* Find(std::string_view path) const;
 
-    /// One line per archive, each beginning with a line feed and a tabulator, for the message of a failed `require`.
+    /// One line per archive, those that were left out of the list included, each beginning with a line feed and a
+    /// tabulator, for the message of a failed `require`.
     std::string NotFoundText(std::string_view module) const;
 
+    /// The last part of the name of every module directly below, sorted bytewise: "c" for module `a.b.c`.
+    ///
+    /// path  the name of what they are below, with "/" for "."; empty for the modules without a dot
+    std::vector<std::string> NamesBelow(const std::string& path) const;
+
 private:
+    bool IsSearched(const std::string& path) const;
+
     std::vector<std::shared_ptr<const SearchedArchive>> m_archives;
     ModuleMap m_modules;
 };

@@ -10,6 +10,7 @@ local errno = require("posix.errno")
 local fcntl = require("posix.fcntl")
 local stat = require("posix.sys.stat")
 local unistd = require("posix.unistd")
+local bytewise = require("vel.bytewise")
 
 local descriptor = {}
 
@@ -32,21 +33,6 @@ local function retry(call, ...)
     return nil, (errno.errno(code))
   end
   return result
-end
-
--- Lua's "<" goes through strcoll() and follows the locale of the process. In these it is the order of the bytes, and
--- much quicker than isBefore: 0.014 s against 1.2 s for 40,000 names with 26 letters in common.
-local bytewiseLocales = { ["C"] = true, ["POSIX"] = true, ["C.UTF-8"] = true }
-
--- The order of the bytes in every locale.
-local function isBefore(one, other)
-  for position = 1, math.min(#one, #other) do
-    local left, right = one:byte(position), other:byte(position)
-    if left ~= right then
-      return left < right
-    end
-  end
-  return #one < #other
 end
 
 -- Few descriptors come and go for many thousand files; making these texts each time would be felt.
@@ -136,11 +122,7 @@ function descriptor.List(fd)
       names[#names + 1] = name
     end
   end
-  if bytewiseLocales[os.setlocale(nil, "collate")] then
-    table.sort(names)
-  else
-    table.sort(names, isBefore)
-  end
+  bytewise.Sort(names)
   return names
 end
 

@@ -198,6 +198,16 @@ TEST_F(DomLoader, TheListIsReadWhenTheLoaderIsRegistered)
     EXPECT_EQ("one", later.Value("return require 'one'"));
 }
 
+TEST_F(DomLoader, ModuleVelArchivesTellsWhatThereIs)
+{
+    Archive("1.kxe", {Item("greet/words.lua", ""), Item("greet/all.lua", ""), Item("top.lua", "")});
+    Register();
+    EXPECT_EQ("all words", m_script.Value("return table.concat(require('vel.archives').Names('greet'), ' ')"));
+    EXPECT_EQ("top", m_script.Value("return table.concat(require('vel.archives').Names(''), ' ')"));
+    EXPECT_EQ("0", m_script.Value("return #require('vel.archives').Names('greet.words')"));
+    EXPECT_EQ("false", m_script.Value("return tostring((pcall(require('vel.archives').Names)))"));
+}
+
 TEST_F(DomLoader, TheLoaderOutlivesTheDomain)
 {
     Archive("a.kxe", {Item("one.lua", "return 'one'")});

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <VelCore/SkippedArchives.h>
+
 #include "archive/ZipArchive.h"
 
 #include "support/Capture.h"
@@ -191,6 +193,42 @@ TEST_F(ModuleIndex, AnArchiveListedTwiceIsOpenedOnce)
     const CModuleIndex index(path + ";" + path);
     const CModuleIndex again(path);
     EXPECT_EQ(index.Find("a")->archive, again.Find("a")->archive);
+}
+
+TEST_F(ModuleIndex, ArchivesThatWereLeftOutAreNamedWithTheirReason)
+{
+    const std::string used = Archive("used.kxe", {{"a.lua", ""}});
+    VelCore::NoteSkippedArchive(wxString::FromUTF8(m_folder / "old.kxe"), L"first reason");
+    VelCore::NoteSkippedArchive(wxString::FromUTF8(m_folder / "old.kxe"), L"it is too old");
+    VelCore::NoteSkippedArchive(wxString::FromUTF8(used), L"its pattern left it out");
+
+    const std::string text = CModuleIndex(used).NotFoundText("x");
+
+    EXPECT_EQ(0U, text.find("\n\tno module 'x' in archive '" + used + "'\n")) << text;
+    const std::string line = "\n\tarchive '" + (m_folder / "old.kxe") + "' skipped: it is too old";
+    EXPECT_NE(std::string::npos, text.find(line)) << text;
+    EXPECT_EQ(text.find("old.kxe"), text.rfind("old.kxe")) << text;
+    EXPECT_EQ(std::string::npos, text.find("its pattern left it out")) << "it is searched all the same: " << text;
+}
+
+TEST_F(ModuleIndex, NamesBelowAreTheLastPartsOfModuleNames)
+{
+    const std::string one = Archive("1.kxe", {{"top.lua", ""},
+                                              {"r/b.lua", ""},
+                                              {"r/B.lua", ""},
+                                              {"r/deep/er.lua", ""},
+                                              {"r/pack/init.lua", ""},
+                                              {"r/text.txt", ""},
+                                              {"r/dotted.name.lua", ""},
+                                              {"rr/other.lua", ""}});
+    const std::string two = Archive("2.kxe", {{"r/a.lua", ""}, {"r/b.lua", ""}, {"r.lua", ""}});
+    const CModuleIndex index(one + ";" + two);
+
+    using Names = std::vector<std::string>;
+    EXPECT_EQ((Names{"B", "a", "b", "pack"}), index.NamesBelow("r"));
+    EXPECT_EQ((Names{"er"}), index.NamesBelow("r/deep"));
+    EXPECT_EQ((Names{"r", "top"}), index.NamesBelow(""));
+    EXPECT_EQ(Names{}, index.NamesBelow("nothing"));
 }
 
 } // namespace
