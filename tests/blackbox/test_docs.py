@@ -32,6 +32,7 @@ def test_first_application_page_works_when_pasted(installation):
     errors = outcome.stderr.decode()
     assert "greet: nobody to greet\n" in errors
     assert re.search(r"greet\.kxe/greet\.lua:14: nobody is not a name\nstack traceback:\n", errors), errors
+    assert re.search(r"\t/.*/greet\.kxe/greet\.lua:14: in function 'greet\.main'\n", errors), errors
 
 
 def test_domain_page_lists_exactly_the_methods_of_dom(installation):

@@ -21,6 +21,7 @@
 #include "lua/LuaProcess.h"
 #include "lua/PackagePaths.h"
 #include "lua/TextChunk.h"
+#include "lua/Traceback.h"
 #include "trace/LogText.h"
 
 namespace VelCore {
@@ -47,11 +48,10 @@ int DescribeFailure(lua_State* L)
 {
     if (!lua_isstring(L, 1) && !luaL_callmeta(L, 1, "__tostring"))
         lua_pushfstring(L, "(error object is a %s value)", luaL_typename(L, 1));
-    // A __tostring may give anything.
-    const char* text = lua_tostring(L, -1);
-    lua_Debug failing;
-    const int level = lua_getstack(L, 1, &failing) ? 1 : 0; // a chunk that could not be loaded has no caller
-    luaL_traceback(L, L, text ? text : "(error object without a text)", level);
+    if (!lua_tostring(L, -1)) // a __tostring may give anything
+        lua_pushliteral(L, "(error object without a text)");
+    PushTraceback(L, 1);
+    lua_concat(L, 2);
     return 1;
 }
 
