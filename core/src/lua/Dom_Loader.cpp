@@ -15,6 +15,7 @@
 
 #include "archive/ZipArchive.h"
 #include "lua/ModuleIndex.h"
+#include "lua/RequireLoop.h"
 #include "lua/TextChunk.h"
 
 namespace VelCore {
@@ -44,11 +45,17 @@ int CollectIndex(lua_State* L)
     return 0;
 }
 
-// Fills the buffers; false with the error's text when the entry is damaged.
+// Fills the buffer for it.
+const char* ChunkName(const ArchivedModule& module)
+{
+    t_buffers.chunkName.assign("@").append(module.archive->Path()).append("/").append(module.entry->name);
+    return t_buffers.chunkName.c_str();
+}
+
+// Fills the buffers for content and text; false with the error's text when the entry is damaged.
 bool ReadModule(const ArchivedModule& module, const char* name)
 {
     Buffers& buffers = t_buffers;
-    buffers.chunkName.assign("@").append(module.archive->Path()).append("/").append(module.entry->name);
     std::string reason;
     if (module.archive->Read(*module.entry, buffers.content, reason))
         return true;
@@ -92,12 +99,13 @@ int SearchArchives(lua_State* L)
         lua_pushlstring(L, t_buffers.text.data(), t_buffers.text.size());
         return 1;
     }
+    const char* chunkName = ChunkName(*module);
+    RefuseRequireLoop(L, name, chunkName);
     if (!ReadModule(*module, name)) {
         lua_pushlstring(L, t_buffers.text.data(), t_buffers.text.size());
         return lua_error(L);
     }
 
-    const char* chunkName = t_buffers.chunkName.c_str();
     const int status = LoadText(L, t_buffers.content, chunkName);
     ReleaseContent();
     if (status != LUA_OK)

@@ -6,6 +6,8 @@
 
 #include <lua.hpp>
 
+#include "lua/RequireLoop.h"
+
 namespace VelCore {
 namespace {
 
@@ -29,6 +31,8 @@ int SearchFiles(lua_State* L)
     lua_pop(L, 1);
 
     const char* file = lua_tostring(L, -1);
+    RefuseRequireLoop(L, module, lua_pushfstring(L, "@%s", file));
+    lua_pop(L, 1);
     if (luaL_loadfilex(L, file, "t") != LUA_OK)
         return luaL_error(L, "error loading module '%s' from file '%s':\n\t%s", module, file, lua_tostring(L, -1));
     lua_insert(L, -2); // the loader, then the file name, which it gets as second argument

@@ -77,6 +77,21 @@ TEST_F(DomLoader, StandsBehindTheFileSearcherAndAheadOfTheOthers)
         << Info();
 }
 
+TEST_F(DomLoader, RefusesModulesThatRequireEachOther)
+{
+    const std::string a = Archive("a.kxe", {Item("one.lua", "return require 'two'")});
+    const std::string b = Archive("b.kxe", {Item("two/init.lua", "\nreturn require 'one'")});
+    Register();
+    EXPECT_EQ(2, m_script.Run("require 'one'"));
+    EXPECT_NE(std::string::npos, Info().find(":2: module 'one' is required again while it is being loaded\n"))
+        << Info();
+    EXPECT_EQ(2, m_script.Run("require 'two'"));
+    EXPECT_NE(std::string::npos, Info().find(":1: module 'two' is required again while it is being loaded\n"))
+        << Info();
+    EXPECT_NE(std::string::npos, Info().find("\n\t" + a + "/one.lua:1: in main chunk\n")) << Info();
+    EXPECT_NE(std::string::npos, Info().find("\n\t" + b + "/two/init.lua:2: in main chunk\n")) << Info();
+}
+
 TEST_F(DomLoader, AFileGoesBeforeAnArchive)
 {
     m_folder.Write("lib/one.lua", "return 'file'");

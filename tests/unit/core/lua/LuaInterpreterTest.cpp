@@ -467,6 +467,46 @@ TEST_F(RequiredFile, WithASyntaxErrorIsNamed)
     EXPECT_EQ("error loading module 'bad' from file '" + (m_folder / "bad.lua") + "':", m_script.Error());
 }
 
+TEST_F(RequiredFile, ThatRequiresItselfIsRefused)
+{
+    m_folder.Write("one.lua", "\nlocal two = require 'two'");
+    m_folder.Write("two.lua", "return {go = function() require 'one' end}, require('three')");
+    m_folder.Write("three.lua", "coroutine = nil\n\nrequire('one')");
+    EXPECT_EQ(2, m_script.Run("require 'one'"));
+    EXPECT_EQ((m_folder / "three.lua") + ":3: module 'one' is required again while it is being loaded",
+              m_script.Error());
+}
+
+TEST_F(RequiredFile, ThatWasLoadedBeforeItsCallersIsNoLoop)
+{
+    m_folder.Write("one.lua", "local one = {} package.loaded[...] = one one.two = require 'two' return one");
+    m_folder.Write("two.lua", "return {one = require 'one', later = function() return require 'three' end}");
+    m_folder.Write("three.lua", "return require 'two'");
+    EXPECT_EQ("true",
+              m_script.Value("local one = require 'one' return one.two.one == one and one.two.later() == one.two"));
+}
+
+TEST_F(RequiredFile, ThatRunsAsAScriptMayRequireItselfAsAModule)
+{
+    m_folder.Write("one.lua", "if ... then return 'module' else return require 'one' end");
+    EXPECT_EQ("module", m_script.Value("return dofile '" + (m_folder / "one.lua") + "'"));
+    EXPECT_EQ("module", m_script.Value("package.loaded.one = nil return loadfile('" + (m_folder / "one.lua") + "')()"));
+}
+
+TEST_F(RequiredFile, UnderTwoNamesIsTwoModules)
+{
+    const std::string file = m_folder.Write("one.lua", "return ... == 'one' and require 'other' or ...");
+    EXPECT_EQ("other", m_script.Value("package.path = package.path .. ';" + file + "' return require 'one'"));
+}
+
+TEST_F(RequiredFile, IsFoundFromADeepRecursionAsWell)
+{
+    m_folder.Write("one.lua",
+                   "local function f(n) return n == 0 and require('two') or f(n - 1) + 0 end return f(100000)");
+    m_folder.Write("two.lua", "return 5");
+    EXPECT_EQ("5", m_script.Value("return require 'one'"));
+}
+
 TEST_F(RequiredFile, ThatIsMissingListsWhereItWasLookedFor)
 {
     EXPECT_EQ(2, m_script.Run("require 'no.such'"));
