@@ -16,6 +16,7 @@
 
 #include "archive/ZipArchive.h"
 #include "lua/SkippedArchives.h"
+#include "trace/RecordText.h"
 
 namespace VelCore {
 namespace {
@@ -23,9 +24,15 @@ namespace {
 const std::string_view kSuffix = ".lua";
 const std::string_view kInit = "/init";
 
+// The names of files in these lines may hold anything; none may look like a line of its own.
+std::string TriedLine(std::string_view module, const std::string& path)
+{
+    return "\n\tno module '" + std::string(module) + "' in archive '" + EscapeControls(path) + "'";
+}
+
 std::string SkippedLine(const std::string& path, const std::string& reason)
 {
-    return "\n\tarchive '" + path + "' skipped: " + reason;
+    return "\n\tarchive '" + EscapeControls(path) + "' skipped: " + reason;
 }
 
 bool EndsWith(std::string_view text, std::string_view end)
@@ -105,10 +112,8 @@ std::string CModuleIndex::NotFoundText(std::string_view module) const
 {
     std::string text;
     for (const auto& searched : m_archives) {
-        if (searched->reason.empty())
-            text.append("\n\tno module '").append(module).append("' in archive '").append(searched->path).append("'");
-        else
-            text.append(SkippedLine(searched->path, searched->reason));
+        text.append(searched->reason.empty() ? TriedLine(module, searched->path)
+                                             : SkippedLine(searched->path, searched->reason));
     }
     for (const auto& [path, reason] : SkippedArchives()) {
         if (!IsSearched(path))

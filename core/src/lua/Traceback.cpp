@@ -7,8 +7,11 @@
 #include "lua/Traceback.h"
 
 #include <cstring>
+#include <string>
 
 #include <lua.hpp>
+
+#include "trace/RecordText.h"
 
 namespace VelCore {
 namespace {
@@ -19,6 +22,9 @@ const int kOutermost = 10;
 
 // Coroutines that resume each other deeper than this are a recursion, too.
 const int kMostCoroutines = 8;
+
+// Lives through a memory error of Lua, which runs no destructors.
+thread_local std::string t_source;
 
 // A level is found by walking there from the innermost, so the count must not try them one by one.
 int CountLevels(lua_State* of)
@@ -87,10 +93,12 @@ void PushModuleName(lua_State* L)
 }
 
 // "@" and "=" only say what kind of name follows. Without them the source is the chunk's text, of which Lua shows a
-// piece.
+// piece. A name of a file may hold anything; it must not look like a line of its own. Valid until the next call.
 const char* SourceName(const lua_Debug& call)
 {
-    return call.source[0] == '@' || call.source[0] == '=' ? call.source + 1 : call.short_src;
+    const bool isName = call.source[0] == '@' || call.source[0] == '=';
+    t_source = EscapeControls(isName ? call.source + 1 : call.short_src);
+    return t_source.c_str();
 }
 
 // stack: text, name or nil -> text with a line for the call, if there is something to tell

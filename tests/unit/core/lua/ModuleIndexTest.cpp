@@ -211,6 +211,19 @@ TEST_F(ModuleIndex, ArchivesThatWereLeftOutAreNamedWithTheirReason)
     EXPECT_EQ(std::string::npos, text.find("its pattern left it out")) << "it is searched all the same: " << text;
 }
 
+TEST_F(ModuleIndex, AnArchiveIsOneLineWhateverItsName)
+{
+    const std::string odd = Archive("odd\n\tno file '\x1b\xff.kxe", {});
+    VelCore::NoteSkippedArchive("/left\nout.kxe", "it is too old");
+    const std::string text = CModuleIndex(odd + ";" + odd + "2").NotFoundText("x");
+    VelCore::NoteSkippedArchive("/left\nout.kxe", "");
+
+    const std::string shown = m_folder / "odd\\n\\tno file '\\x1b\\xff.kxe";
+    EXPECT_NE(std::string::npos, text.find("\n\tno module 'x' in archive '" + shown + "'\n")) << text;
+    EXPECT_NE(std::string::npos, text.find("\n\tarchive '" + shown + "2' skipped: ")) << text;
+    EXPECT_NE(std::string::npos, text.find("\n\tarchive '/left\\nout.kxe' skipped: it is too old")) << text;
+}
+
 TEST_F(ModuleIndex, NamesBelowAreTheLastPartsOfModuleNames)
 {
     const std::string one = Archive("1.kxe", {{"top.lua", ""},

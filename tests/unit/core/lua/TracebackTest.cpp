@@ -106,6 +106,12 @@ TEST_F(Traceback, ASourceHasItsWholeName)
               Calls("error('x')", "error('x')"));
 }
 
+TEST_F(Traceback, ASourceIsAlwaysOneLine)
+{
+    EXPECT_EQ((Texts{"[C]: in function 'error'", "/a\\n\\tb\\x1b\\xff.lua:1: in main chunk"}),
+              Calls("error('x')", "@/a\n\tb\x1b\xff.lua"));
+}
+
 TEST_F(Traceback, TellsOfTailCallsButTheOutermost)
 {
     EXPECT_EQ((Texts{"[C]: in function 'error'", "test:1: in function <line 1>", "(...tail calls...)",
