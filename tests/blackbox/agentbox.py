@@ -102,7 +102,7 @@ def await_condition(condition, what, timeout_s=DEADLINE_S):
 def escaped(text):
     """`text` as a record shows it."""
     names = {"\n": "\\n", "\t": "\\t", "\r": "\\r"}
-    return "".join(names.get(c, f"\\x{ord(c):02x}") if ord(c) < 0x20 or ord(c) == 0x7F else c for c in text)
+    return re.sub("[\0-\x1f\x7f\udc80-\udcff]", lambda c: names.get(c[0], f"\\x{ord(c[0]) & 0xFF:02x}"), text)
 
 
 def await_line(process, timeout_s=DEADLINE_S):
