@@ -92,7 +92,23 @@ private:
 
     // supervision/AgentApp_Run.cpp
     bool RefuseWhatIsMissing(int& exitCode) const;
+
+    // supervision/AgentApp_Daemon.cpp
+    bool BecomeDaemon(int& exitCode);
+    void RefuseSecondInstance() const;
+    void LeaveFolder() const;
+    static void SilenceStandardStreams();
+    void RemovePidFile() const;
+
+    // supervision/AgentApp_Watchdog.cpp
+    enum class Role { Watchdog, Worker };
+    Role SuperviseWorker(int& exitCode);
+
+    // supervision/AgentApp_Run.cpp
     [[noreturn]] void RunWorker();
+
+    // luahost/AgentApp_Modes.cpp
+    int RunService();
 
     // luahost/AgentApp_Lua.cpp
     bool SetPackagePaths();
@@ -108,6 +124,9 @@ private:
     VelCore::CDom* m_dom = nullptr;                    // the root domain; owned
     VelCore::CLuaInterpreter* m_interpreter = nullptr; // owned
     wxDateTime m_startTime;
+
+    wxString m_pidFile;      // background mode: of the watchdog
+    int m_watchdogLine = -1; // in a worker of background mode: ends with the watchdog
 
     // Written by OnCmdLineParsed, only read afterwards.
     bool m_isMainAgent = false;

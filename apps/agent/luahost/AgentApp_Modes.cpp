@@ -14,6 +14,7 @@
 #include "luahost/Snippets.h"
 #include "luahost/StandardOutput.h"
 #include "shell/StandardStreams.h"
+#include "supervision/Signals.h"
 
 namespace {
 
@@ -24,7 +25,21 @@ const unsigned int kTestAlarm = 600;
 
 int CAgentApp::OnRunScript()
 {
-    return RunAppInteractively();
+    return m_background ? RunService() : RunAppInteractively();
+}
+
+int CAgentApp::RunService()
+{
+    int rc = RunAppInit();
+    if (rc == 0)
+        rc = RunAppMain();
+    if (rc != 0)
+        return rc;
+
+    AwaitSigterm();
+    rc = RunAppShutdown();
+    UnblockSigterm();
+    return rc;
 }
 
 int CAgentApp::RunAppInteractively()

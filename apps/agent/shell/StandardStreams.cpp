@@ -6,7 +6,11 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <vector>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -26,4 +30,20 @@ void WriteStandardError(const wxString& text)
     const std::string bytes = VelCore::ToUtf8(text);
     std::fflush(stdout);
     std::fwrite(bytes.data(), 1, bytes.size(), stderr);
+}
+
+void CloseInheritedDescriptors()
+{
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir("/dev/fd"), closedir);
+    if (!listing)
+        return;
+    std::vector<int> inherited; // closing while listing could make the listing skip some
+    while (const dirent* entry = readdir(listing.get())) {
+        const int descriptor = std::atoi(entry->d_name);
+        const int flags = descriptor > STDERR_FILENO ? fcntl(descriptor, F_GETFD) : -1;
+        if (flags >= 0 && (flags & FD_CLOEXEC) == 0)
+            inherited.push_back(descriptor);
+    }
+    for (const int descriptor : inherited)
+        close(descriptor);
 }

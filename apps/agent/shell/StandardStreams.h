@@ -12,3 +12,7 @@ void OpenStandardDescriptors();
 /// The bytes are written narrow: a wide character would orient C's stream, which would then swallow what Lua writes to
 /// it.
 void WriteStandardError(const wxString& text);
+
+/// Closes every descriptor but the standard three that the caller of the program has left open. What this process opens
+/// itself is close-on-exec, and what it was started with cannot be, so the two are told apart by that.
+void CloseInheritedDescriptors();

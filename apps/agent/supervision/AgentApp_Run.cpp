@@ -1,6 +1,6 @@
 // CAgentApp: the order of a run, and the worker.
 //
-// Tested by: blackbox/test_run_modes.py, blackbox/test_exit_status.py.
+// Tested by: blackbox/test_run_modes.py, blackbox/test_exit_status.py, blackbox/test_watchdog.py.
 
 #include "AgentApp.h"
 
@@ -12,6 +12,7 @@
 #include "shell/StandardStreams.h"
 #include "supervision/MainThreadStop.h"
 #include "supervision/Signals.h"
+#include "supervision/WatchdogLoss.h"
 
 int CAgentApp::OnRun()
 {
@@ -20,21 +21,26 @@ int CAgentApp::OnRun()
     if (!EnterFipsMode(exitCode) || RefuseWhatIsMissing(exitCode))
         return exitCode;
 
-    wxLog::SetLogLevel(wxLOG_Max);
-    RunWorker();
+    if (!m_background) {
+        wxLog::SetLogLevel(wxLOG_Max);
+        RunWorker();
+    }
+
+    if (!BecomeDaemon(exitCode))
+        return exitCode;
+    if (SuperviseWorker(exitCode) == Role::Worker)
+        RunWorker();
+
+    RemovePidFile(); // only the watchdog comes this far
+    return exitCode;
 }
 
 // Options of the command line that this release takes but cannot serve.
 bool CAgentApp::RefuseWhatIsMissing(int& exitCode) const
 {
-    const wchar_t* option = nullptr;
-    if (m_background)
-        option = L"--background";
-    else if (m_installPlugins)
-        option = L"--install_plugins";
-    if (!option)
+    if (!m_installPlugins)
         return false;
-    WriteStandardError(wxString::Format(L"%s: %s is not available in this release\n", GetAppName(), option));
+    WriteStandardError(wxString::Format(L"%s: --install_plugins is not available in this release\n", GetAppName()));
     exitCode = 1;
     return true;
 }
@@ -50,6 +56,8 @@ void CAgentApp::RunWorker()
         std::exit(EXIT_FAILURE);
     }
 
+    CWatchdogLoss loss;
+    loss.Watch(m_watchdogLine);
     const int status = wxAppConsole::OnRun();
     CMainThreadStop::Get().MarkStanding(); // from here on this thread only waits for the other one
 
