@@ -3,11 +3,16 @@
 import itertools
 import os
 import shutil
+import signal
 import tempfile
 
 import pytest
 
 from agentbox import Installation
+
+# A suite that a shell runs in the background starts with these ignored, and so would every agent.
+signal.signal(signal.SIGINT, signal.default_int_handler)
+signal.signal(signal.SIGQUIT, signal.SIG_DFL)
 
 _numbers = itertools.count(1)
 

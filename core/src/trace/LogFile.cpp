@@ -4,8 +4,11 @@
 
 #include "trace/LogFile.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -23,6 +26,16 @@ namespace VelCore {
 namespace {
 
 thread_local int t_quiet = 0;
+
+// Others hold the lock for microseconds; a second is for one that was stopped meanwhile.
+const long kLockPauseNs = 100000;
+const int kLockAttempts = 10000;
+
+// How far back the beginning of a broken record is looked for.
+const std::size_t kTailBytes = 65536;
+
+// A write that a signal cuts short ends at the end of a page. Pages are multiples of this everywhere.
+const off_t kPage = 4096;
 
 bool StandardErrorIsTerminal()
 {
@@ -77,7 +90,10 @@ void CLogFile::Append(std::time_t when, std::string_view level, std::string_view
     const std::lock_guard lock(m_mutex);
     FollowSettings();
     std::string reason;
-    if (m_work.empty() || !ReadyToWrite(reason) || !WriteLine(line, reason)) {
+    const bool isWritten = !m_work.empty() && ReadyToWrite(reason) && WriteLine(line, reason);
+    if (m_file >= 0)
+        Unlock();
+    if (!isWritten) {
         WriteToStandardError(line, reason);
         return;
     }
@@ -106,22 +122,49 @@ void CLogFile::FollowSettings()
     m_rotateAt = s_RotateAt;
 }
 
+// Leaves the file locked.
 bool CLogFile::ReadyToWrite(std::string& reason)
 {
-    // Twice at the most: the second round looks at the file that another process may just have started.
-    for (int round = 0; round < 2; ++round) {
+    // The file that another process has just started may be full in its turn, but not again and again.
+    for (int round = 0; round < s_OldFiles; ++round) {
         if (m_file < 0 && !Open(reason))
             return false;
+        Lock();
 
         struct stat current = {};
         if (fstatat(m_folder, m_fileName.c_str(), &current, AT_SYMLINK_NOFOLLOW) != 0 || !IsSame(current, m_identity)) {
             Close(); // somebody removed or rotated it: go on with the current one
             continue;
         }
-        if (current.st_size < m_rotateAt || !Rotate())
-            return true;
+        if (current.st_size >= m_rotateAt && Rotate())
+            continue;
+        if (current.st_size != m_end)
+            EndLastLine(current.st_size);
+        return true;
     }
     return m_file >= 0 || Open(reason);
+}
+
+// Where there are no locks, or somebody was stopped while he held this one, a record is worth more than its order.
+void CLogFile::Lock() const
+{
+    struct flock whole = {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    const struct timespec pause = {0, kLockPauseNs};
+    for (int attempt = 0; attempt < kLockAttempts; ++attempt) {
+        if (fcntl(m_file, F_SETLK, &whole) == 0 || (errno != EACCES && errno != EAGAIN && errno != EINTR))
+            return;
+        nanosleep(&pause, nullptr);
+    }
+}
+
+void CLogFile::Unlock() const
+{
+    struct flock whole = {};
+    whole.l_type = F_UNLCK;
+    whole.l_whence = SEEK_SET;
+    fcntl(m_file, F_SETLK, &whole);
 }
 
 bool CLogFile::MakeFolder(std::string& reason)
@@ -147,7 +190,7 @@ bool CLogFile::Open(std::string& reason)
 
     // A link, a fifo or somebody else's file in the log's place must neither be followed nor block.
     const std::string path = m_work + "/log/" + m_fileName;
-    const int flags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    const int flags = O_RDWR | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     m_file = openat(m_folder, m_fileName.c_str(), flags);
     if (m_file < 0 && errno == ENOENT) {
         m_file = openat(m_folder, m_fileName.c_str(), flags | O_CREAT, 0600);
@@ -174,31 +217,18 @@ void CLogFile::Close()
             close(*descriptor);
         *descriptor = -1;
     }
-    m_torn = false;
+    m_end = 0;
 }
 
-// Moves the full file away, unless another process has done so. Returns whether there is another file to look at.
+// Moves the full file away; closes it, and so releases the lock. Returns false when it has to stay.
 bool CLogFile::Rotate()
 {
-    struct flock whole = {};
-    whole.l_type = F_WRLCK;
-    whole.l_whence = SEEK_SET;
-    while (fcntl(m_file, F_SETLKW, &whole) != 0) {
-        if (errno != EINTR)
-            return false; // no locks here: one long file is better than a lost record
-    }
-
-    struct stat current = {};
-    const bool isCurrent =
-        fstatat(m_folder, m_fileName.c_str(), &current, AT_SYMLINK_NOFOLLOW) == 0 && IsSame(current, m_identity);
-    if (isCurrent && !ShiftOldFiles()) {
+    if (!ShiftOldFiles()) {
         m_rotateAt += s_RotateAt;
-        whole.l_type = F_UNLCK;
-        fcntl(m_file, F_SETLK, &whole);
         return false;
     }
     m_rotateAt = s_RotateAt;
-    Close(); // releases the lock
+    Close();
     return true;
 }
 
@@ -220,25 +250,46 @@ bool CLogFile::ShiftOldFiles()
 
 bool CLogFile::WriteLine(const std::string& line, std::string& reason)
 {
-    if (m_torn && WriteAll(m_file, "\n") == 1)
-        m_torn = false;
-    const std::size_t written = m_torn ? 0 : WriteAll(m_file, line);
-    if (written == line.size())
+    const std::size_t written = WriteAll(m_file, line);
+    if (written == line.size()) {
+        m_end = lseek(m_file, 0, SEEK_CUR); // an append moves the position to its own end
         return true;
+    }
     reason = SystemReason("cannot write log file", m_work + "/log/" + m_fileName);
-    // What a full disk cut short goes whole to standard error, so it is taken back here. If somebody has written behind
-    // it, it stays, and the next record starts on a line of its own.
-    m_torn = m_torn || (written > 0 && !TakeBack(written));
+    // What a full disk cut short goes whole to standard error, so it is taken back here.
+    if (written > 0)
+        TakeBack(written);
     return false;
 }
 
 // Removes the last `length` bytes that this process has written, if they are still the end of the file.
-bool CLogFile::TakeBack(std::size_t length)
+void CLogFile::TakeBack(std::size_t length)
 {
-    const off_t end = lseek(m_file, 0, SEEK_CUR); // an append moves the position to its own end
+    const off_t end = lseek(m_file, 0, SEEK_CUR);
     struct stat status = {};
-    return end >= 0 && fstat(m_file, &status) == 0 && status.st_size == end &&
-           ftruncate(m_file, end - static_cast<off_t>(length)) == 0;
+    if (end < 0 || fstat(m_file, &status) != 0 || status.st_size != end)
+        return;
+    if (ftruncate(m_file, end - static_cast<off_t>(length)) != 0)
+        return; // the next record makes it a line of its own
+}
+
+// Somebody else has written last. If he was killed meanwhile, the piece of a record that he left is removed: his call
+// has never returned, so nobody counts on it. Whatever else has no end becomes a line of its own.
+void CLogFile::EndLastLine(off_t size)
+{
+    char bytes[kTailBytes];
+    const std::size_t length = std::min(sizeof bytes, static_cast<std::size_t>(size));
+    const off_t start = size - static_cast<off_t>(length);
+    if (pread(m_file, bytes, length, start) != static_cast<ssize_t>(length))
+        return;
+    const std::string_view tail(bytes, length);
+    if (tail.empty() || tail.back() == '\n')
+        return;
+    const std::size_t lineFeed = tail.rfind('\n');
+    const bool isPiece = size % kPage == 0 && lineFeed != std::string_view::npos &&
+                         std::isdigit(static_cast<unsigned char>(tail[lineFeed + 1])) != 0;
+    if (!isPiece || ftruncate(m_file, start + static_cast<off_t>(lineFeed) + 1) != 0)
+        WriteAll(m_file, "\n");
 }
 
 void CLogFile::WriteToStandardError(const std::string& line, const std::string& reason)

@@ -14,8 +14,9 @@ namespace VelCore {
 /// Appends records to `<app.path.work>/log/<app.name>.log` of the root domain, follows those settings when they
 /// change, and rotates the file.
 ///
-/// Several processes may share the file: each record is one append, and the rotation is done by one of them under a
-/// lock on the file, while the others notice that the file they hold is no longer the one of that name.
+/// Several processes may share the file: each record is one append under a lock on the file, and so is the rotation. A
+/// process that is killed in the middle of an append leaves a piece of a line, since the system writes page by page;
+/// the next writer removes it. A process that is stopped there does not stop the others for long.
 ///
 /// Errors:    a record that the file does not take goes to standard error, after one line that says why.
 /// Ownership: one for the process, never destroyed, because threads may still log while the process ends.
@@ -46,9 +47,12 @@ private:
     void Close();
     bool MakeFolder(std::string& reason);
     bool ReadyToWrite(std::string& reason);
+    void Lock() const;
+    void Unlock() const;
     bool Rotate();
+    void EndLastLine(off_t size);
     bool ShiftOldFiles();
-    bool TakeBack(std::size_t length);
+    void TakeBack(std::size_t length);
     bool WriteLine(const std::string& line, std::string& reason);
     void WriteToStandardError(const std::string& line, const std::string& reason);
 
@@ -60,7 +64,7 @@ private:
     int m_file = -1;                      // descriptor of the log file
     struct stat m_identity = {};          // of the log file: device and inode
     std::int64_t m_rotateAt = s_RotateAt; // moved on when a rotation fails
-    bool m_torn = false;                  // the last write ended in the middle of a line
+    off_t m_end = 0;                      // of the file after our last record
     std::string m_lastReason;             // why the last record did not reach the file; empty: it did
 };
 

@@ -377,7 +377,56 @@ TEST_F(LogFile, ARotationThatFailsLosesNoRecord)
     m_folder.MakeFolder("work/log/unit.log.5/obstacle");
     Fill();
     Append("text");
-    EXPECT_EQ("text", TextOf(Lines(ReadFile(Log())).back().substr(kLimit)));
+    EXPECT_EQ("text", Logged().back());
+}
+
+TEST_F(LogFile, APieceOfARecordThatAKilledProcessLeftIsRemoved)
+{
+    // As the system leaves it: the write ended with a page.
+    std::string content = "2026-11-20 12:34:56 [1] Message: whole\n2026-11-20 12:34:56 [1] Message: ";
+    content.append(4096 - content.size(), 'x');
+    m_folder.Write("work/log/unit.log", content);
+    Append("next");
+    EXPECT_EQ((Texts{"whole", "next"}), Logged());
+}
+
+TEST_F(LogFile, WhatSomebodyElseLeftWithoutAnEndBecomesALine)
+{
+    std::string page = "2026-11-20 12:34:56 [1] Message: whole\n";
+    page.append(4096 - page.size(), 'x');
+    const std::string contents[] = {"text", "2026-11-20 12:34:56 [1] Message: no end", page, std::string(70000, 'x')};
+    for (const std::string& content : contents) {
+        m_folder.Write("work/log/unit.log", content);
+        Append("next");
+        const std::string logged = ReadFile(Log());
+        EXPECT_EQ(content + "\n", logged.substr(0, content.size() + 1)) << content.size();
+        EXPECT_EQ("next", Logged().back());
+    }
+}
+
+TEST_F(LogFile, AProcessThatWasStoppedWhileItWroteDoesNotStopTheOthersForLong)
+{
+    Append("first");
+    int ready[2];
+    ASSERT_EQ(0, pipe(ready));
+    const pid_t holder = fork();
+    if (holder == 0) {
+        const int file = open(Log().c_str(), O_RDWR | O_CLOEXEC);
+        struct flock whole = {};
+        whole.l_type = F_WRLCK;
+        whole.l_whence = SEEK_SET;
+        const char told = fcntl(file, F_SETLK, &whole) == 0 ? 'y' : 'n';
+        _exit(write(ready[1], &told, 1) == 1 ? pause() : 1);
+    }
+    char told = 'n';
+    ASSERT_EQ(1, read(ready[0], &told, 1));
+    ASSERT_EQ('y', told);
+    Append("second");
+    EXPECT_EQ((Texts{"first", "second"}), Logged());
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+    close(ready[0]);
+    close(ready[1]);
 }
 
 TEST_F(LogFile, OnceTheObstacleIsGoneRotationIsBackAtItsSize)
