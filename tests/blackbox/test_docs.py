@@ -2,48 +2,106 @@
 
 import re
 import subprocess
-from pathlib import Path
 
-DOCS = Path(__file__).resolve().parents[2] / "docs"
+import pytest
 
-
-def shell_blocks(page):
-    return re.findall(r"^```sh\n(.*?)^```$", (DOCS / page).read_text(), re.M | re.S)
+import docpage
+from docpage import DOCS, REPOSITORY
 
 
-def test_first_application_page_works_when_pasted(installation):
-    blocks = shell_blocks("FIRST_APPLICATION.md")
-    assert len(blocks) >= 5
+def bound_methods(installation):
+    """The names of the methods that `dom` has."""
+    installation.write_app(main="for name in pairs(getmetatable(dom).__index) do print(name) end")
+    return sorted(installation.run().out.split())
 
-    outcome = subprocess.run(
-        ["sh", "-e"],
-        input="\n".join(blocks).encode(),
-        cwd=installation.root,
-        env=installation.environment(KX=str(installation.bin)),
-        capture_output=True,
-        timeout=60,
-        check=False,
-    )
 
-    shown = outcome.stdout.decode()
-    assert outcome.returncode == 0, outcome
-    for promised in ("hello world, from greet\n", "hello moon, from greet\n", "status 4\n", "status 2\n", "Message: greeted 2"):
-        assert promised in shown, shown
-    errors = outcome.stderr.decode()
-    assert "greet: nobody to greet\n" in errors
-    assert re.search(r"greet\.kxe/greet\.lua:14: nobody is not a name\nstack traceback:\n", errors), errors
-    assert re.search(r"\t/.*/greet\.kxe/greet\.lua:14: in function 'greet\.main'\n", errors), errors
+def table(page, title):
+    """The rows of the table whose first column has that title: lists of cells."""
+    rows = re.search(rf"^\| {title} \|.*\n\|[-|]+\n((?:\|.*\n)+)", (DOCS / page).read_text(), re.M)[1]
+    return [[cell.strip() for cell in line.strip("|").split(" | ")] for line in rows.splitlines()]
+
+
+def names_in(cell):
+    """What a cell has between backticks."""
+    return re.findall("`(.*?)`", cell)
+
+
+@pytest.mark.parametrize("page", ["FIRST_APPLICATION.md", "APPLICATIONS.md"])
+def test_examples_show_what_the_page_says(installation, page):
+    session = docpage.run(page, installation)
+
+    assert len(session) > 5
+    wrong = [example for example in session if example.promised not in (None, example.shown)]
+    assert wrong == [], f"{page}, line {wrong[0].line} shows\n{wrong[0].shown}"
+
+
+def test_every_method_of_dom_has_an_example(installation):
+    lua = "".join(block.text for block in docpage.blocks("APPLICATIONS.md") if block.kind == "lua")
+
+    used = sorted(set(re.findall(r"\bdom:(\w+)", lua)))
+
+    assert used == bound_methods(installation)
+
+
+def test_modules_of_the_agent_are_listed_with_their_functions(installation):
+    main = """
+        for _, name in ipairs(require('vel.modules').Below('vel')) do
+            local functions = {}
+            for key, value in pairs(require('vel.' .. name)) do
+                functions[#functions + 1] = type(value) == 'function' and key or nil
+            end
+            table.sort(functions)
+            print('vel.' .. name, table.concat(functions, ' '))
+        end"""
+    installation.write_app(main=main)
+    shipped = [line.split("\t") for line in installation.run().out.splitlines()]
+
+    listed = [[names_in(module)[0], " ".join(names_in(functions))] for module, _, functions in table("APPLICATIONS.md", "module")]
+
+    assert listed == shipped
+
+
+def test_messages_that_the_page_explains_are_those_of_failing_applications():
+    goldens = "".join(path.read_text() for path in (REPOSITORY / "tests/blackbox/golden/lua_failures").glob("*.txt"))
+    messages = [message for meets, _ in table("APPLICATIONS.md", "what you read") for message in names_in(meets)]
+    assert len(messages) >= 7
+
+    patterns = [re.escape(message).replace("greet", "inventory").replace("'x'", "'[^']+'") for message in messages]
+    assert [pattern for pattern in patterns if not re.search(pattern, goldens)] == []
+
+
+def is_installed(package):
+    query = ["dpkg-query", "-W", "-f=${db:Status-Status}", package]
+    return subprocess.run(query, capture_output=True, check=False).stdout == b"installed"
+
+
+def test_listed_lua_packages_can_be_required(installation):
+    packages = {package: names_in(modules) for package, modules, _ in table("APPLICATIONS.md", "package")}
+    provided = set((REPOSITORY / "script/bootstrap").read_text().replace('"', " ").split())
+    assert {package for package in packages if package in provided} == set(list(packages)[:4])
+    assert "script/bootstrap` installs the first four" in (DOCS / "APPLICATIONS.md").read_text()
+
+    # The packages that the suite brings, and what else this machine has.
+    names = [name for package, names in packages.items() if package in provided or is_installed(package) for name in names]
+    installation.write_app(main="for _, name in ipairs(arg) do print(name, (select(2, pcall(require, name)))) end")
+    outcome = installation.run("--", *names)
+
+    assert len(names) >= 10
+    assert [line.split("\t") for line in outcome.out.splitlines() if "\ttable: " not in line] == []
+
+
+def test_links_between_pages_lead_somewhere():
+    pages = [*REPOSITORY.glob("*.md"), *DOCS.glob("**/*.md"), REPOSITORY / "tests/README.md"]
+    links = [(page, link) for page in pages for link in re.findall(r"\]\(([^)#:]+)\)", page.read_text())]
+    assert len(links) > 10
+
+    assert [link for link in links if not (link[0].parent / link[1]).exists()] == []
 
 
 def test_domain_page_lists_exactly_the_methods_of_dom(installation):
-    installation.write_app(
-        main="for name in pairs(getmetatable(dom).__index) do print(name) end return 0",
-    )
-    bound = sorted(installation.run().out.split())
-
     listed = sorted(set(re.findall(r"^\| `dom:(\w+)[({]", (DOCS / "DOMAIN.md").read_text(), re.M)))
 
-    assert bound == listed
+    assert listed == bound_methods(installation)
 
 
 def test_domain_page_and_man_page_list_every_variable_that_a_run_sets(installation):
