@@ -9,8 +9,8 @@ import pytest
 from agentbox import AS_NOBODY
 
 
-def scan(installation, *words, **options):
-    return installation.run_raw("--workdir", installation.work, "--", *words, **options)
+def scan(installation, *words, work=None, **options):
+    return installation.run_raw("--workdir", work or installation.work, "--", *words, **options)
 
 
 def make_tree(root):
@@ -58,7 +58,8 @@ def test_table_has_a_row_by_folder_and_a_summary(installation, tmp_path):
     ):
         assert row in rows, outcome.out
     summary = outcome.out.rstrip("\n").split("\n")[-1]
-    assert summary.startswith("1 folder: 5 files, 262,156 bytes, 0 unreadable, "), outcome.out
+    counts = "0 added, 0 changed, 0 removed, 0 unreadable"
+    assert summary.startswith(f"1 folder: 5 files, 262,156 bytes, {counts}, "), outcome.out
     assert installation.log_has(f"Message: {summary}", name="kx_agent")
 
 
@@ -69,7 +70,7 @@ def test_unreadable_file_and_folder_are_lines_and_no_failure(public_installation
     (root / "text").chmod(0)
     (root / "sub").chmod(0)
 
-    outcome = scan(installation, root, wrapper=AS_NOBODY)
+    outcome = scan(installation, root, work=installation.home / "work", wrapper=AS_NOBODY)
 
     assert outcome.status == 0, outcome
     assert f"unreadable: {root}/text: Permission denied\n" in outcome.out

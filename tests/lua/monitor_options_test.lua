@@ -4,26 +4,59 @@ local options = require("monitor.options")
 TestOptions = {}
 
 function TestOptions.testFoldersKeepTheirOrderAndRepetitions()
-  local chosen = options.Parse({ "/usr", "/etc", "/usr" })
-  lu.assertEquals(chosen, { folders = { "/usr", "/etc", "/usr" }, list = false, help = false })
+  lu.assertEquals(options.Parse({ "/usr", "/etc", "/usr" }), {
+    folders = { "/usr", "/etc", "/usr" },
+    exclusions = {},
+    help = false,
+    json = false,
+    list = false,
+    reset = false,
+    strict = false,
+  })
 end
 
-function TestOptions.testListMayStandAnywhere()
-  for _, words in ipairs({ { "--list", "/etc" }, { "/etc", "--list" }, { "--list", "/etc", "--list" } }) do
-    lu.assertEquals(options.Parse(words), { folders = { "/etc" }, list = true, help = false })
+function TestOptions.testSwitchesMayStandAnywhereAndBeRepeated()
+  for _, field in ipairs({ "json", "list", "reset", "strict" }) do
+    local word = "--" .. field
+    for _, words in ipairs({ { word, "/etc" }, { "/etc", word }, { word, "/etc", word } }) do
+      local expected = { folders = { "/etc" }, exclusions = {}, help = false }
+      for _, other in ipairs({ "json", "list", "reset", "strict" }) do
+        expected[other] = other == field
+      end
+      lu.assertEquals(options.Parse(words), expected)
+    end
+  end
+end
+
+function TestOptions.testExclusionsKeepTheirOrder()
+  local chosen = options.Parse({ "--exclude", "*.log", "/etc", "--exclude", "/etc/ssh/", "--exclude", "--list" })
+  lu.assertEquals(chosen.exclusions, { "*.log", "/etc/ssh", "--list" })
+  lu.assertEquals(chosen.folders, { "/etc" })
+  lu.assertFalse(chosen.list)
+end
+
+function TestOptions.testExclusionWithoutAPatternIsRefused()
+  local chosen, problem = options.Parse({ "/etc", "--exclude" })
+  lu.assertNil(chosen)
+  lu.assertEquals(problem, "kx_agent: --exclude needs a pattern\n")
+end
+
+function TestOptions.testExclusionThatCannotMatchIsRefused()
+  local cases = {
+    [""] = "'': empty",
+    ["a/b\n"] = "'a/b\\n': with a '/' in it, a pattern has to match a whole path, and begin with '/'",
+    ["100%d\\"] = "'100%d\\\\': ends in a single '\\'",
+  }
+  for pattern, expected in pairs(cases) do
+    local chosen, problem = options.Parse({ "/etc", "--exclude", pattern })
+    lu.assertNil(chosen)
+    lu.assertEquals(problem, "kx_agent: --exclude " .. expected .. "\n")
   end
 end
 
 function TestOptions.testWordsBeforeTheScriptParametersDoNotCount()
   local words = { [-1] = "--bogus", [0] = "kx_agent", "/etc" }
   lu.assertEquals(options.Parse(words).folders, { "/etc" })
-end
-
-function TestOptions.testTrailingSlashesAreRemoved()
-  local cases = { ["/etc/"] = "/etc", ["a//"] = "a", ["/"] = "/", ["//"] = "/", ["a/b"] = "a/b", ["/x/./"] = "/x/." }
-  for word, folder in pairs(cases) do
-    lu.assertEquals(options.Parse({ word }).folders, { folder })
-  end
 end
 
 function TestOptions.testHelpNeedsNoFolderAndEndsTheParsing()
@@ -40,7 +73,7 @@ function TestOptions.testWithoutAFolderTheProblemIsTheUsage()
 end
 
 function TestOptions.testUnknownOptionIsNamed()
-  for _, word in ipairs({ "--bogus", "-l", "-", "--", "--list=1", "--helper" }) do
+  for _, word in ipairs({ "--bogus", "-l", "-", "--", "--list=1", "--helper", "--exclude=x" }) do
     local chosen, problem = options.Parse({ "/etc", word })
     lu.assertNil(chosen)
     lu.assertEquals(problem, "kx_agent: unknown option '" .. word .. "'; 'kx_agent -- --help' lists the options\n")
@@ -60,9 +93,9 @@ function TestOptions.testEmptyWordIsRefused()
 end
 
 function TestOptions.testUsageNamesEveryOption()
-  lu.assertStrContains(options.Usage, "--list")
-  lu.assertStrContains(options.Usage, "--help")
-  lu.assertStrContains(options.Usage, "FOLDER...")
+  for _, word in ipairs({ "--exclude PATTERN", "--help", "--json", "--list", "--reset", "--strict", "FOLDER..." }) do
+    lu.assertStrContains(options.Usage, word)
+  end
 end
 
 if (arg[0] or ""):find("monitor_options_test%.lua$") then

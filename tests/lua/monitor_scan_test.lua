@@ -1,5 +1,6 @@
 -- monitor.walk, monitor.digest and monitor.scan with vel.descriptor below them, on real folders.
 local dirent = require("posix.dirent")
+local errno = require("posix.errno")
 local lu = require("luaunit")
 local socket = require("posix.sys.socket")
 local stat = require("posix.sys.stat")
@@ -46,8 +47,11 @@ local function shorten(path)
   return path:sub(1, #folder) == folder and (rest == "" and "." or rest:sub(2)) or path
 end
 
--- Walks and records { event, path, detail } rows; `interfere` is called with the path of every file.
-local function record(root, interfere)
+local function nothing() end
+
+-- Walks and records { event, path, detail } rows; `interfere` is called with the path of every file, `excludes` as
+-- Excludes of the walk.
+local function record(root, interfere, excludes)
   local events = {}
   local visitor = {}
   function visitor.Folder(path, depth)
@@ -59,9 +63,16 @@ local function record(root, interfere)
       interfere(shorten(path))
     end
   end
-  function visitor.Unreadable(path, reason)
-    events[#events + 1] = { "Unreadable", shorten(path), reason }
+  function visitor.Unreadable(path, reason, isGone)
+    events[#events + 1] = { "Unreadable", shorten(path), reason, isGone }
   end
+  function visitor.LeftOut(path)
+    events[#events + 1] = { "LeftOut", shorten(path) }
+  end
+  function visitor.FolderLeftOut(path, isKernel)
+    events[#events + 1] = { "FolderLeftOut", shorten(path), isKernel }
+  end
+  visitor.Excludes = excludes
   local readable = walk.Walk(root, visitor)
   return events, readable
 end
@@ -189,15 +200,17 @@ end
 function TestWalk.testRootThatCannotBeRead()
   makeFile("file")
   makeLink("nowhere", "link")
+  makeLink("self", "self")
   local cases = {
-    { "missing", "No such file or directory" },
-    { "file", "not a folder" },
-    { "file/below", "Not a directory" },
-    { "link", "No such file or directory" },
+    { "missing", "No such file or directory", true },
+    { "file", "not a folder", true },
+    { "file/below", "Not a directory", true },
+    { "link", "No such file or directory", true },
+    { "self", "Too many levels of symbolic links", false }, -- who knows what is there
   }
   for _, case in ipairs(cases) do
     local events, readable = record(folder .. "/" .. case[1])
-    lu.assertEquals(events, { { "Folder", case[1], 0 }, { "Unreadable", case[1], case[2] } })
+    lu.assertEquals(events, { { "Folder", case[1], 0 }, { "Unreadable", case[1], case[2], case[3] } })
     lu.assertFalse(readable)
   end
 end
@@ -209,6 +222,73 @@ function TestWalk.testNamedLinkToAFolderIsFollowed()
   local events, readable = record(folder .. "/link")
   lu.assertEquals(events, { { "Folder", "link", 0 }, { "File", "link/file" } })
   lu.assertTrue(readable)
+end
+
+-- The order of "/a-b/" and "/a/", so that everything below "/a" stands together.
+function TestWalk.testFoldersComeInTheOrderOfTheirPathsWithASlash()
+  for _, name in ipairs({ "a", "a-b", "a.b", "a0", "a/c" }) do
+    makeFolder(name)
+  end
+  lu.assertEquals(record(folder), {
+    { "Folder", ".", 0 },
+    { "Folder", "a-b", 1 },
+    { "Folder", "a.b", 1 },
+    { "Folder", "a", 1 },
+    { "Folder", "a/c", 2 },
+    { "Folder", "a0", 1 },
+  })
+end
+
+function TestWalk.testWhatIsExcludedIsToldInItsPlaceAndNotEntered()
+  makeFolder("b")
+  makeFolder("c")
+  makeFile("c/inside")
+  makeFile("a.log")
+  makeFile("d")
+  makeLink("nowhere", "e.log")
+
+  local asked = {}
+  local events = record(folder, nil, function(path, name, status)
+    asked[#asked + 1] = { shorten(path), name, status ~= nil }
+    return name == "c" or name:find("%.log$") ~= nil
+  end)
+
+  lu.assertEquals(events, {
+    { "Folder", ".", 0 },
+    { "LeftOut", "a.log" },
+    { "File", "d" },
+    { "Folder", "b", 1 },
+    { "FolderLeftOut", "c", false },
+  })
+  lu.assertEquals(asked[1], { "a.log", "a.log", true })
+  lu.assertEquals(#asked, 5)
+end
+
+function TestWalk.testTheRootIsNeverExcluded()
+  makeFile("file")
+  local events = record(folder, nil, function(path)
+    return path == folder
+  end)
+  lu.assertEquals(events, { { "Folder", ".", 0 }, { "File", "file" } })
+end
+
+function TestWalk.testKernelFileSystemIsToldInItsPlace()
+  lu.skipIf(not isRoot, "the top folder holds what only root can read")
+  local told = {}
+  walk.Walk("/", {
+    Folder = nothing,
+    File = nothing,
+    Unreadable = nothing,
+    FolderLeftOut = function(path, isKernel)
+      told[path] = isKernel
+    end,
+    Excludes = function(path)
+      return path ~= "/proc" and path ~= "/sys"
+    end,
+    LeftOut = nothing,
+  })
+  lu.assertTrue(told["/proc"])
+  lu.assertFalse(told["/usr"])
 end
 
 function TestWalk.testKernelFileSystemsAreLeftOutUnlessNamed()
@@ -320,7 +400,7 @@ function TestWalk.testPathLongerThanTheSystemTakes()
   walk.Walk(folder .. "/tree", {
     Folder = function() end,
     File = function(path, reach, status)
-      found = { path, digest.HashFile(reach, status) }
+      found = { path, digest.HashFile(reach, status, nothing) }
     end,
     Unreadable = function(_, reason)
       lu.fail(reason)
@@ -348,7 +428,7 @@ TestDigest = { setUp = createFolder, tearDown = removeFolder }
 
 local function hash(name)
   local path = folder .. "/" .. name
-  return digest.HashFile(path, assert(descriptor.LinkStatus(path)))
+  return digest.HashFile(path, assert(descriptor.LinkStatus(path)), nothing)
 end
 
 function TestDigest.testKnownAnswers()
@@ -377,7 +457,7 @@ function TestDigest.testMissingFile()
   makeFile("file")
   local status = assert(descriptor.LinkStatus(folder .. "/file"))
   assert(os.remove(folder .. "/file"))
-  lu.assertEquals({ digest.HashFile(folder .. "/file", status) }, { nil, "No such file or directory" })
+  lu.assertEquals({ digest.HashFile(folder .. "/file", status, nothing) }, { nil, "No such file or directory" })
 end
 
 function TestDigest.testUnreadableFile()
@@ -410,7 +490,7 @@ function TestDigest.testWhatTookTheFilesPlaceIsNotRead()
   local before = openDescriptors()
   for _, replace in ipairs(replacements) do
     replace()
-    local hex, reason = digest.HashFile(folder .. "/file", status)
+    local hex, reason = digest.HashFile(folder .. "/file", status, nothing)
     lu.assertNil(hex)
     if reason ~= "Too many levels of symbolic links" then -- that is the link, where luaposix has O_NOFOLLOW
       lu.assertEquals(reason, "replaced during the scan")
@@ -428,29 +508,51 @@ end
 
 TestDescriptor = { setUp = createFolder, tearDown = removeFolder }
 
+function TestDescriptor.testKindsOfWhatALinkStatusIsAbout()
+  makeFile("file")
+  makeLink("file", "link")
+  assert(stat.mkfifo(folder .. "/fifo", 384))
+  local kinds = {}
+  for _, name in ipairs({ "file", "link", "fifo", "." }) do
+    kinds[name] = descriptor.Kind(assert(descriptor.LinkStatus(folder .. "/" .. name)))
+  end
+  lu.assertEquals(kinds, { file = "file", ["."] = "folder" })
+end
+
+function TestDescriptor.testAbsenceIsNotEveryError()
+  makeFile("file")
+  for _, name in ipairs({ "missing", "file/below" }) do
+    local _, _, code = descriptor.LinkStatus(folder .. "/" .. name)
+    lu.assertTrue(descriptor.IsAbsence(code))
+  end
+  lu.assertFalse(descriptor.IsAbsence(errno.EACCES))
+  lu.assertFalse(descriptor.IsAbsence(nil))
+end
+
 function TestDescriptor.testReadingAFolderFails()
   local fd = assert(descriptor.Open(folder))
-  lu.assertEquals({ descriptor.Read(fd, 10) }, { nil, "Is a directory" })
+  lu.assertEquals({ descriptor.Read(fd, 10) }, { nil, "Is a directory", errno.EISDIR })
   descriptor.Close(fd)
 end
 
 function TestDescriptor.testListingAFileFails()
   makeFile("file")
   local fd = assert(descriptor.Open(folder .. "/file"))
-  lu.assertEquals({ descriptor.List(fd) }, { nil, "Not a directory" })
+  lu.assertEquals({ descriptor.List(fd) }, { nil, "Not a directory", errno.ENOTDIR })
   descriptor.Close(fd)
 end
 
 function TestDescriptor.testNameTooLong()
-  lu.assertEquals({ descriptor.Open(folder .. "/" .. ("x"):rep(256)) }, { nil, "File name too long" })
-  lu.assertEquals({ descriptor.Open(("x"):rep(5000)) }, { nil, "File name too long" })
+  local expected = { nil, "File name too long", errno.ENAMETOOLONG }
+  lu.assertEquals({ descriptor.Open(folder .. "/" .. ("x"):rep(256)) }, expected)
+  lu.assertEquals({ descriptor.Open(("x"):rep(5000)) }, expected)
 end
 
 function TestDescriptor.testLongPathThatLeadsNowhereLeavesNothingOpen()
   local before = openDescriptors()
-  lu.assertEquals({ descriptor.Open(folder .. ("/."):rep(2000) .. "/missing") }, { nil, "No such file or directory" })
-  lu.assertEquals({ descriptor.Open(folder .. ("/."):rep(2000) .. "/missing" .. ("/."):rep(2000)) },
-    { nil, "No such file or directory" })
+  local expected = { nil, "No such file or directory", errno.ENOENT }
+  lu.assertEquals({ descriptor.Open(folder .. ("/."):rep(2000) .. "/missing") }, expected)
+  lu.assertEquals({ descriptor.Open(folder .. ("/."):rep(2000) .. "/missing" .. ("/."):rep(2000)) }, expected)
   lu.assertEquals(openDescriptors(), before)
 end
 
@@ -475,8 +577,8 @@ function TestScan.testDigestsAreThoseOfSha256sum()
   local found = {}
   lu.assertTrue(scan.Run({ folder }, {
     {
-      File = function(_, path, _, hex)
-        found[shorten(path)] = hex
+      File = function(_, path, state)
+        found[shorten(path)] = state.digest
       end,
     },
   }))
@@ -496,19 +598,76 @@ function TestScan.testEveryListenerHearsWhatItAskedFor()
   local files, folders = {}, {}
   scan.Run({ folder, folder .. "/missing" }, {
     {
-      File = function(_, path, bytes)
-        files[#files + 1] = { shorten(path), bytes }
+      File = function(_, path, state)
+        files[#files + 1] = { shorten(path), state.size }
       end,
     },
     {
       Folder = function(_, path, depth)
         folders[#folders + 1] = { shorten(path), depth }
       end,
+      Done = function(_, path)
+        folders[#folders + 1] = { shorten(path), "done" }
+      end,
     },
     {},
   })
   lu.assertEquals(files, { { "file", 5 } })
-  lu.assertEquals(folders, { { ".", 0 }, { "missing", 0 } })
+  lu.assertEquals(folders, { { ".", 0 }, { ".", "done" }, { "missing", 0 }, { "missing", "done" } })
+end
+
+function TestScan.testTellsTheStateOfAFile()
+  makeFile("file", "abc")
+  assert(stat.chmod(folder .. "/file", 2541)) -- 04755
+  local states = {}
+  scan.Run({ folder }, {
+    {
+      File = function(_, _, state)
+        states[#states + 1] = state
+      end,
+    },
+  })
+  lu.assertEquals(states, {
+    {
+      digest = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad",
+      size = 3,
+      mode = 2541,
+      uid = unistd.geteuid(),
+      gid = unistd.getegid(),
+    },
+  })
+end
+
+function TestScan.testReadingIsToldAsItGoesOn()
+  makeFile("big", ("x"):rep(200000))
+  makeFile("empty", "")
+  local steps, sum = 0, 0
+  scan.Run({ folder }, {
+    {
+      Read = function(_, bytes)
+        steps, sum = steps + 1, sum + bytes
+      end,
+    },
+  })
+  lu.assertEquals(sum, 200000)
+  lu.assertTrue(steps > 3)
+end
+
+function TestScan.testAListenerThatRaisesAnErrorEndsTheScan()
+  makeFolder("sub")
+  makeFile("sub/a")
+  makeFile("sub/b")
+  local before, files = openDescriptors(), 0
+  lu.assertErrorMsgContains("enough", scan.Run, { folder }, {
+    {
+      File = function()
+        files = files + 1
+        error("enough")
+      end,
+    },
+  })
+  lu.assertEquals(files, 1)
+  lu.assertEquals(openDescriptors(), before)
 end
 
 function TestScan.testFolderThatCannotBeReadDoesNotStopTheOthers()

@@ -12,10 +12,10 @@ end
 function TestTally.testDirectFilesAndSubfoldersHaveRowsOfTheirOwn()
   local counts = tally.New()
   counts:Folder("/a", 0)
-  counts:File("/a/1", 10, "digest")
-  counts:File("/a/2", 5, "digest")
+  counts:File("/a/1", { size = 10 })
+  counts:File("/a/2", { size = 5 })
   counts:Folder("/a/b", 1)
-  counts:File("/a/b/3", 100, "digest")
+  counts:File("/a/b/3", { size = 100 })
   counts:Folder("/a/c", 1) -- with nothing in it
 
   lu.assertEquals(counts:Rows(), {
@@ -30,9 +30,9 @@ function TestTally.testDeeperFoldersCountForTheirSubfolder()
   counts:Folder("/a", 0)
   counts:Folder("/a/b", 1)
   counts:Folder("/a/b/c", 2)
-  counts:File("/a/b/c/1", 1, "digest")
+  counts:File("/a/b/c/1", { size = 1 })
   counts:Folder("/a/b/c/d", 3)
-  counts:File("/a/b/c/d/2", 2, "digest")
+  counts:File("/a/b/c/d/2", { size = 2 })
   counts:Unreadable("/a/b/c/d/3", "Permission denied")
 
   lu.assertEquals(counts:Rows(), {
@@ -56,7 +56,7 @@ function TestTally.testFolderGivenTwiceIsCountedTwice()
   local counts = tally.New()
   for _ = 1, 2 do
     counts:Folder("/a", 0)
-    counts:File("/a/1", 7, "digest")
+    counts:File("/a/1", { size = 7 })
   end
 
   local row = { folder = "/a", files = 1, bytes = 7, unreadable = 0 }

@@ -159,6 +159,51 @@ function TestTable.testLeavesNoBlanksAtTheEndOfALine()
   )
 end
 
+TestReplaceInvalid = {}
+
+function TestReplaceInvalid.testValidTextStaysAsItIs()
+  for _, bytes in ipairs({ "", "plain", "line\nfeed\0\27", "caf\xC3\xA9", "\xF4\x8F\xBF\xBF" }) do
+    lu.assertEquals({ text.ReplaceInvalid(bytes) }, { bytes, 0 })
+  end
+end
+
+function TestReplaceInvalid.testEachByteThatIsNoPartOfACharacterIsReplaced()
+  local replacement = "\xEF\xBF\xBD"
+  local cases = {
+    { "\xE9", replacement, 1 },
+    { "a\xFF\xFEb", "a" .. replacement .. replacement .. "b", 2 },
+    { "\xC3", replacement, 1 },
+    { "\xE2\x82", replacement .. replacement, 2 },
+    { "\xC3\xA9\xA9", "\xC3\xA9" .. replacement, 1 },
+    { "\xED\xA0\x80", replacement:rep(3), 3 }, -- a surrogate
+  }
+  for _, case in ipairs(cases) do
+    lu.assertEquals({ text.ReplaceInvalid(case[1]) }, { case[2], case[3] })
+  end
+end
+
+TestLayout = {}
+
+function TestLayout.testLinesComeOneByOneOnceTheWidthsAreKnown()
+  local layout = text.NewLayout({ { title = "what", align = "left" }, { title = "n", align = "right" } })
+  local rows = { { "a", "1,000" }, { "caf\xC3\xA9s", "" } }
+  for _, row in ipairs(rows) do
+    layout:Widen(row)
+  end
+  lu.assertEquals(layout:Titles(), "what       n\n")
+  lu.assertEquals(layout:Rule(), "-----  -----\n")
+  lu.assertEquals(layout:Line(rows[1]), "a      1,000\n")
+  lu.assertEquals(layout:Line(rows[2]), "caf\xC3\xA9s\n")
+end
+
+function TestLayout.testPaintDoesNotMoveTheColumns()
+  local layout = text.NewLayout({ { title = "what", align = "left" }, { title = "n", align = "left" } })
+  local line = layout:Line({ "a", "b" }, function(cell)
+    return "<" .. cell .. ">"
+  end)
+  lu.assertEquals(line, "<a   >  b\n")
+end
+
 if (arg[0] or ""):find("vel_text_test%.lua$") then
   os.exit(lu.LuaUnit.run())
 end

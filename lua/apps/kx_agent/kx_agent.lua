@@ -1,49 +1,92 @@
--- kx_agent: the beginning of a host-integrity monitor. It hashes every regular file below the given folders
--- and reports what it read. Start it with: kx_agent -- [--list] FOLDER...
+-- kx_agent: a host-integrity monitor. It compares the files below the given folders with those of the run before.
+-- Start it with: kx_agent -- [OPTION...] FOLDER...
 --
 -- This file ties the parts to the host (arg, dom, the standard streams); monitor/*.lua does the work.
--- Tested by: tests/lua/kx_agent_test.lua.
+-- Tested by: tests/lua/kx_agent_test.lua, tests/blackbox/test_monitor*.py.
 local clock = require("posix.time")
+local unistd = require("posix.unistd")
+local modules = require("vel.modules")
+local terminal = require("vel.terminal")
+local folders = require("monitor.folders")
 local options = require("monitor.options")
-local report = require("monitor.report")
-local scan = require("monitor.scan")
-local tally = require("monitor.tally")
+local progress = require("monitor.progress")
+local rules = require("monitor.rules")
+local session = require("monitor.session")
 
 local kx_agent = {}
 
--- Exit statuses other than 0.
-local badFolder = 1 -- a folder that was named could not be read at all
+-- Exit statuses of this file's own; those of a run are in monitor.session.
 local badUsage = 2
+local filesChanged = 10
 
 local chosen -- the options of this run, see monitor.options; nil under the test driver
-
--- A report that does not reach its reader must not pass for one that did.
-local function write(text)
-  assert(io.write(text))
-end
+local hasChanges -- whether the run has found any
 
 local function seconds()
   local now = clock.clock_gettime(clock.CLOCK_MONOTONIC)
   return now.tv_sec + now.tv_nsec / 1e9
 end
 
--- The listener (see monitor.scan) that writes and logs each event as it comes, so nothing piles up.
-local function newPrinter(withDigests)
-  local printer = {}
+-- What monitor.session needs of the world.
+local function newHost()
+  local outputIsTerminal = unistd.isatty(unistd.STDOUT_FILENO) == 1
+  local errorIsTerminal = unistd.isatty(unistd.STDERR_FILENO) == 1
+  local line -- the progress line, when there is one
 
-  function printer.File(_, path, _, digest)
-    if withDigests then
-      write(report.DigestLine(path, digest) .. "\n")
+  local function clearLine()
+    if line then
+      line:Clear()
     end
   end
 
-  function printer.Unreadable(_, path, reason)
-    local line = report.UnreadableLine(path, reason)
-    write(line .. "\n")
-    dom:Log("warning", line)
+  local host = {
+    workFolder = dom:Get("app.path.work"),
+    monitorFolder = dom:GetPluginWorkdir("monitor"),
+    ruleNames = modules.Below(rules.Prefix),
+    Load = require,
+    Now = seconds,
+    paint = terminal.PainterOfStandardOutput(),
+  }
+
+  -- A report that does not reach its reader must not pass for one that did.
+  function host.Write(text)
+    if outputIsTerminal then
+      clearLine()
+    end
+    assert(io.write(text))
   end
 
-  return printer
+  function host.Flush()
+    assert(io.flush())
+  end
+
+  function host.Log(level, text)
+    clearLine()
+    dom:Log(level, text)
+  end
+
+  -- On a terminal the log is shown on standard error as well.
+  function host.Complain(level, text)
+    if not errorIsTerminal then
+      io.stderr:write("kx_agent: " .. text .. "\n")
+    end
+    host.Log(level, text)
+  end
+
+  function host.Event(fields)
+    dom:AgentEventWrite(fields)
+  end
+
+  function host.NewProgress(findTotals)
+    if progress.IsWanted(errorIsTerminal, os.getenv) then
+      line = progress.New(function(text)
+        io.stderr:write(text)
+      end, seconds, findTotals())
+    end
+    return line
+  end
+
+  return host
 end
 
 function kx_agent.init()
@@ -59,31 +102,30 @@ function kx_agent.init()
     io.stderr:write(problem)
     return badUsage
   end
+  for index, folder in ipairs(chosen.folders) do
+    chosen.folders[index] = folders.Absolute(folder)
+  end
   if chosen.help then
-    write(options.Usage)
+    assert(io.write(options.Usage))
   end
   return 0
 end
 
 function kx_agent.main()
+  hasChanges = false
   if not chosen or chosen.help then
     return 0
   end
-
-  local start = seconds()
-  local counts = tally.New()
-  local allRead = scan.Run(chosen.folders, { counts, newPrinter(chosen.list) })
-  local summary = report.Summary(#chosen.folders, counts:Total(), seconds() - start)
-
-  write(report.Table(counts:Rows(), counts:Total()))
-  write("\n" .. summary .. "\n")
-  assert(io.flush())
-  dom:Log("message", summary)
-  return allRead and 0 or badFolder
+  local status
+  status, hasChanges = session.Run(chosen, newHost())
+  return status
 end
 
--- The scan is over when main returns: nothing is running or held open.
+-- The run is over when main returns: nothing is running or held open.
 function kx_agent.shutdown()
+  if chosen and chosen.strict and hasChanges then
+    return filesChanged
+  end
   return 0
 end
 

@@ -4,7 +4,8 @@
 -- descriptor N holds, whatever has happened to its path since. Tested on Linux; Solaris documents the same in proc(4).
 -- Without /proc every call here fails with its reason; there is no quieter way out.
 --
--- Errors: nil and the system's reason ("Permission denied"). A call that a signal interrupts is repeated.
+-- Errors: nil, the system's reason ("Permission denied") and its number, see IsAbsence. A call that a signal interrupts
+-- is repeated.
 local dirent = require("posix.dirent")
 local errno = require("posix.errno")
 local fcntl = require("posix.fcntl")
@@ -30,9 +31,14 @@ local function retry(call, ...)
     result, _, code = call(...)
   until result ~= nil or code ~= errno.EINTR
   if result == nil then
-    return nil, (errno.errno(code))
+    return nil, errno.errno(code) -- the text and the number
   end
   return result
+end
+
+-- Whether the number of an error says that there is nothing of that name, rather than that it could not be looked at.
+function descriptor.IsAbsence(code)
+  return code == errno.ENOENT or code == errno.ENOTDIR
 end
 
 -- Few descriptors come and go for many thousand files; making these texts each time would be felt.
@@ -58,21 +64,21 @@ function descriptor.Open(path)
       break -- a single name that long: the system says what it thinks of it
     end
     local rest = path:sub(#head + 2)
-    local fd, reason = retry(fcntl.open, head, openFlags)
+    local fd, reason, code = retry(fcntl.open, head, openFlags)
     if folder then
       descriptor.Close(folder)
     end
     if not fd then
-      return nil, reason
+      return nil, reason, code
     end
     folder = fd
     path = descriptor.Path(fd) .. "/" .. rest
   end
-  local fd, reason = retry(fcntl.open, path, openFlags)
+  local fd, reason, code = retry(fcntl.open, path, openFlags)
   if folder then
     descriptor.Close(folder)
   end
-  return fd, reason
+  return fd, reason, code
 end
 
 -- What the descriptor holds, with the fields of lstat.
@@ -88,6 +94,13 @@ end
 -- What the path leads to, through symbolic links.
 function descriptor.TargetStatus(path)
   return retry(stat.stat, path)
+end
+
+-- What kind of thing an answer of the functions above is about: "folder", "file" for a regular one, else nil. Several
+-- times quicker than the system's own S_ISDIR() and S_ISREG() through luaposix, for each of many thousand files.
+local kinds = { [stat.S_IFDIR] = "folder", [stat.S_IFREG] = "file" }
+function descriptor.Kind(status)
+  return kinds[bit32.band(status.st_mode, stat.S_IFMT)]
 end
 
 -- Do two answers of the functions above mean the same file or folder?
@@ -110,7 +123,7 @@ function descriptor.List(fd)
     reason, code = errno.errno()
   until code ~= errno.EINTR
   if code ~= 0 then
-    return nil, reason
+    return nil, reason, code
   end
   if not opened then
     error(all, 0) -- not the system's doing

@@ -95,6 +95,24 @@ function text.Printable(bytes)
   return table.concat(pieces)
 end
 
+-- `bytes` as UTF-8: each byte that is no part of a character becomes U+FFFD. The second result is how many those were.
+function text.ReplaceInvalid(bytes)
+  local pieces, replaced = {}, 0
+  local position = 1
+  while position <= #bytes do
+    local special = bytes:find("[\128-\255]", position)
+    pieces[#pieces + 1] = bytes:sub(position, (special or 0) - 1)
+    if not special then
+      break
+    end
+    local length = decode(bytes, special)
+    pieces[#pieces + 1] = length and bytes:sub(special, special + length - 1) or "\xEF\xBF\xBD"
+    replaced = replaced + (length and 0 or 1)
+    position = special + (length or 1)
+  end
+  return table.concat(pieces), replaced
+end
+
 -- A whole number with a comma between groups of three digits: 1234567 is "1,234,567". Exact up to 2^53.
 function text.Thousands(number)
   local sign, digits = ("%.0f"):format(number):match("^(-?)(%d+)$")
@@ -115,50 +133,80 @@ local function pad(cell, width, alignment)
   return cell .. blanks
 end
 
--- Lays out a table as lines of text, two blanks between columns, each column as wide as its widest cell.
---
--- columns: array of { title = text, align = "left" or "right" }
--- rows:    array of rows, a row is an array of texts, one per column
--- totals:  a last row below a rule of its own; nil for none
--- Result:  text with a line feed after every line. Cells must be printable; they are not escaped here.
-function text.Table(columns, rows, totals)
-  local titles, widths, rules = {}, {}, {}
+-- A table that is laid out line by line, for more rows than fit into memory: first every row goes to Widen, then every
+-- row to Line.
+local layout = {}
+layout.__index = layout
+
+-- columns: array of { title = text, align = "left" or "right", isOpen = true for a last column with a ragged end }
+function text.NewLayout(columns)
+  local titles, widths = {}, {}
   for index, column in ipairs(columns) do
     titles[index] = column.title
     widths[index] = text.Width(column.title)
   end
-  local function widen(row)
-    for index, cell in ipairs(row) do
-      widths[index] = math.max(widths[index], text.Width(cell))
+  return setmetatable({ columns = columns, titles = titles, widths = widths }, layout)
+end
+
+-- row: array of printable texts, one per column
+function layout:Widen(row)
+  for index, cell in ipairs(row) do
+    if not self.columns[index].isOpen then
+      self.widths[index] = math.max(self.widths[index], text.Width(cell))
     end
   end
-  for _, row in ipairs(rows) do
-    widen(row)
-  end
-  widen(totals or {})
+end
 
-  local lines = {}
-  local function add(row)
-    local cells = {}
-    for index, column in ipairs(columns) do
-      cells[index] = pad(row[index], widths[index], column.align)
-    end
-    lines[#lines + 1] = table.concat(cells, "  "):gsub(" +$", "") .. "\n"
+-- The row as text with a line feed, two blanks between columns, each column as wide as its widest cell, or an open
+-- one as its title.
+-- paintFirst: optional function from the text of the first cell to that with colours
+function layout:Line(row, paintFirst)
+  local cells = {}
+  for index, column in ipairs(self.columns) do
+    cells[index] = pad(row[index], self.widths[index], column.align)
   end
+  if paintFirst then
+    cells[1] = paintFirst(cells[1])
+  end
+  return table.concat(cells, "  "):gsub(" +$", "") .. "\n"
+end
 
-  for index, width in ipairs(widths) do
+-- The line of titles.
+function layout:Titles()
+  return self:Line(self.titles)
+end
+
+-- A line of dashes.
+function layout:Rule()
+  local rules = {}
+  for index, width in ipairs(self.widths) do
     rules[index] = ("-"):rep(width)
   end
-  add(titles)
-  add(rules)
+  return self:Line(rules)
+end
+
+-- Lays out a whole table.
+--
+-- columns: see text.NewLayout
+-- rows:    array of rows, a row is an array of texts, one per column
+-- totals:  a last row below a rule of its own; nil for none
+-- Result:  text with a line feed after every line. Cells must be printable; they are not escaped here.
+function text.Table(columns, rows, totals)
+  local lines = text.NewLayout(columns)
   for _, row in ipairs(rows) do
-    add(row)
+    lines:Widen(row)
+  end
+  lines:Widen(totals or {})
+
+  local written = { lines:Titles(), lines:Rule() }
+  for _, row in ipairs(rows) do
+    written[#written + 1] = lines:Line(row)
   end
   if totals then
-    add(rules)
-    add(totals)
+    written[#written + 1] = lines:Rule()
+    written[#written + 1] = lines:Line(totals)
   end
-  return table.concat(lines)
+  return table.concat(written)
 end
 
 return text

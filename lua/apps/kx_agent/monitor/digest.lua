@@ -1,5 +1,4 @@
 -- monitor.digest: the SHA-256 digest of one file.
-local stat = require("posix.sys.stat")
 local sha2 = require("openssl.digest")
 local descriptor = require("vel.descriptor")
 
@@ -15,11 +14,11 @@ for byte = 0, 255 do
   hexDigits[string.char(byte)] = ("%02x"):format(byte)
 end
 
-local function hashOpenFile(fd, expected)
+local function hashOpenFile(fd, expected, onRead)
   local status, reason = descriptor.Status(fd)
   if not status then
     return nil, reason
-  elseif stat.S_ISREG(status.st_mode) == 0 or not descriptor.IsSame(status, expected) then
+  elseif descriptor.Kind(status) ~= "file" or not descriptor.IsSame(status, expected) then
     return nil, "replaced during the scan"
   end
 
@@ -33,20 +32,22 @@ local function hashOpenFile(fd, expected)
     end
     context:update(chunk)
     size = size + #chunk
+    onRead(#chunk)
   until chunk == ""
   return context:final():gsub(".", hexDigits), size
 end
 
 -- path:     opens the file
 -- expected: its LinkStatus (vel.descriptor) from the time it was found
+-- onRead:   called with a number of bytes whenever so many more have been read
 -- Result:   64 hexadecimal digits in lower case and the number of bytes read; nil and a reason when the file
 --           is gone, unreadable, or no longer the regular file that was found. Never waits on a fifo.
-function digest.HashFile(path, expected)
+function digest.HashFile(path, expected, onRead)
   local fd, reason = descriptor.Open(path)
   if not fd then
     return nil, reason
   end
-  return descriptor.Use(fd, hashOpenFile, expected)
+  return descriptor.Use(fd, hashOpenFile, expected, onRead)
 end
 
 return digest

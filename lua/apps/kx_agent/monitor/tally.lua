@@ -28,9 +28,9 @@ function tally:Folder(path, depth)
   end
 end
 
-function tally:File(_, bytes)
+function tally:File(_, found)
   count(self, "files", 1)
-  count(self, "bytes", bytes)
+  count(self, "bytes", found.size)
 end
 
 function tally:Unreadable()

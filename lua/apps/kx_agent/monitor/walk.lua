@@ -6,7 +6,7 @@
 -- The kernel's own file systems are left out unless the root lies in one: their files have no end, or no content.
 -- Any depth: no recursion, no limit on the length of a path, one folder open at a time.
 -- Memory grows with the listings of the folders between the root and the current one, not with the files.
-local stat = require("posix.sys.stat")
+local bytewise = require("vel.bytewise")
 local descriptor = require("vel.descriptor")
 
 local walk = {}
@@ -56,47 +56,69 @@ local function openFolder(reach, expected)
   return nil, reason
 end
 
--- Visits the files directly in the open folder. Result: its subfolders in order, each with its name, device and inode;
--- nil and a reason when it cannot be listed.
+local function includeAll() end
+
+-- Visits the files directly in the open folder. Result: its subfolders, each with its name, device and inode, and
+-- whether it is excluded, in the order of their names with a slash behind; nil and a reason when it cannot be listed.
 local function visitFiles(fd, folder, visitor)
   local names, reason = descriptor.List(fd)
   if not names then
     return nil, reason
   end
 
-  local subfolders = {}
+  local excludes = visitor.Excludes or includeAll
+  local subfolders, byName = {}, {}
   local here = descriptor.Path(fd) .. "/"
   for _, name in ipairs(names) do
-    local reach = here .. name
+    local path, reach = join(folder, name), here .. name
     local status, problem = descriptor.LinkStatus(reach)
-    if not status then
-      visitor.Unreadable(join(folder, name), problem)
-    elseif stat.S_ISDIR(status.st_mode) ~= 0 then
-      subfolders[#subfolders + 1] = { name = name, st_dev = status.st_dev, st_ino = status.st_ino }
-    elseif stat.S_ISREG(status.st_mode) ~= 0 then
-      visitor.File(join(folder, name), reach, status)
+    local kind = status and descriptor.Kind(status)
+    local excluded = excludes(path, name, status)
+    if kind == "folder" then
+      name = name .. "/"
+      subfolders[#subfolders + 1] = name
+      byName[name] = { path = path, st_dev = status.st_dev, st_ino = status.st_ino, excluded = excluded }
+    elseif excluded and (kind == "file" or not status) then
+      visitor.LeftOut(path)
+    elseif kind == "file" then
+      visitor.File(path, reach, status)
+    elseif not status then
+      visitor.Unreadable(path, problem)
     end -- links, fifos, sockets and devices have no content to look at
+  end
+
+  bytewise.Sort(subfolders)
+  for index, name in ipairs(subfolders) do
+    subfolders[index] = byName[name]
   end
   return subfolders
 end
 
--- The reason why `path` is not a folder to start from, or nil and its status.
+-- The reason why `path` is not a folder to start from, and whether that is because there is none of that name now;
+-- or nil and its status.
 local function examineRoot(path)
-  local status, reason = descriptor.TargetStatus(path)
+  local status, reason, code = descriptor.TargetStatus(path)
   if not status then
-    return reason
-  elseif stat.S_ISDIR(status.st_mode) == 0 then
-    return "not a folder"
+    return reason, descriptor.IsAbsence(code)
+  elseif descriptor.Kind(status) ~= "folder" then
+    return "not a folder", true
   end
   return nil, status
 end
 
--- Walks `root`, folders before what is below them, the files of a folder before its subfolders,
--- each in the order of their bytes. `visitor` is a table of functions:
+-- Walks `root`, folders before what is below them, the files of a folder before its subfolders. Files come in the order
+-- of the bytes of their names, folders in that of their paths with a slash behind: "a.b/" before "a/" and "a/c/".
+-- `visitor` is a table of functions:
 --   Folder(path, depth)         the walk enters a folder; 0 is the root. Whatever follows belongs to it.
 --   File(path, reach, status)   a regular file. `path` is for people; `reach` opens it, for the time of
 --                               this call only; `status` is what it has to be when opened.
---   Unreadable(path, reason)    an entry, or the folder just entered, that cannot be read
+--   Unreadable(path, reason, isGone)  an entry, or the folder just entered, that cannot be read. isGone: there is no
+--                               folder of that name; said of the root only.
+--   Excludes(path, name, status)  optional: whether to pass by an entry; status is nil when that cannot be read. Asked
+--                               for all entries of a folder after Folder() told of it.
+--   LeftOut(path)               a file that was passed by, where File would have been called
+--   FolderLeftOut(path, isKernel)  a folder that was passed by, where Folder would have been called. isKernel: not
+--                               excluded, but one of the kernel's own
 -- Result: false when the root itself could not be read, else true.
 function walk.Walk(root, visitor)
   -- One level per folder between the root and the current one: what is still to visit at that depth.
@@ -113,27 +135,36 @@ function walk.Walk(root, visitor)
       visitor.Unreadable(path, reason)
       return false
     end
-    levels[#levels + 1] = { path = path, subfolders = subfolders, visited = 0 }
+    levels[#levels + 1] = { subfolders = subfolders, visited = 0 }
     return true
   end
 
-  local reason, status = examineRoot(root)
+  local function visitFolder(subfolder)
+    if subfolder.excluded then
+      visitor.FolderLeftOut(subfolder.path, false)
+    elseif walk.IsLeftOut(subfolder, root) then
+      visitor.FolderLeftOut(subfolder.path, true)
+    else
+      enter(subfolder.path, subfolder.path, subfolder)
+    end
+  end
+
+  local reason, detail = examineRoot(root)
   if reason then
     visitor.Folder(root, 0)
-    visitor.Unreadable(root, reason)
+    visitor.Unreadable(root, reason, detail)
     return false
   end
-  if not enter(root, root .. "/.", status) then -- the "." leads through a link
+  if not enter(root, root .. "/.", detail) then -- the "." leads through a link
     return false
   end
   while #levels > 0 do
     local level = levels[#levels]
     level.visited = level.visited + 1
     local subfolder = level.subfolders[level.visited]
-    if subfolder and not walk.IsLeftOut(subfolder, root) then
-      local path = join(level.path, subfolder.name)
-      enter(path, path, subfolder)
-    elseif not subfolder then
+    if subfolder then
+      visitFolder(subfolder)
+    else
       levels[#levels] = nil
     end
   end
