@@ -7,10 +7,7 @@ import re
 import pytest
 
 from agentbox import AS_NOBODY
-
-
-def scan(installation, *words, work=None, **options):
-    return installation.run_raw("--workdir", work or installation.work, "--", *words, **options)
+from monitorbox import scan
 
 
 def make_tree(root):

@@ -37,8 +37,20 @@ local schema = {
   ("PRAGMA user_version = %d"):format(format),
 }
 
+-- What the library writes beside the file. A journal that somebody else has put there would be played back.
+local companions = { "-journal", "-wal", "-shm" }
+
 function baseline_file.Path(folder)
   return folder .. "/baseline.db"
+end
+
+-- Array of the paths of the file and of all that may stand beside it.
+function baseline_file.AllPaths(folder)
+  local all = { baseline_file.Path(folder) }
+  for index, suffix in ipairs(companions) do
+    all[index + 1] = all[1] .. suffix
+  end
+  return all
 end
 
 -- reason: of a failure, or as Open returns it
@@ -69,9 +81,6 @@ local function setUp(db)
   end
   return nil
 end
-
--- What the library writes beside the file. A journal that somebody else has put there would be played back.
-local companions = { "-journal", "-wal", "-shm" }
 
 -- Makes the folder and the file when they are missing, and sees to it that nobody else has a hand in them.
 -- Result: true; or false and a reason.

@@ -75,13 +75,14 @@ local function openBaseline(host, resets)
 end
 
 local function newExcludes(host, judgements)
+  local eventFile = host.workFolder .. "/agent_events.db"
   local own = own_files.New({
     host.monitorFolder,
-    baseline_file.Path(host.monitorFolder),
     host.workFolder .. "/log",
-    host.workFolder .. "/agent_events.db",
-    host.workFolder .. "/agent_events.db-shm",
-    host.workFolder .. "/agent_events.db-wal",
+    eventFile,
+    eventFile .. "-shm",
+    eventFile .. "-wal",
+    table.unpack(baseline_file.AllPaths(host.monitorFolder)),
   })
   return function(path, name, status)
     return judgements:Excludes(path, name) or (status ~= nil and own:Has(status))
