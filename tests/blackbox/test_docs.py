@@ -128,3 +128,22 @@ def test_man_page_has_every_option_of_the_usage_text(installation):
     missing = [long for _, long in options if f"-{long}" not in page]
 
     assert missing == []
+
+
+def test_monitor_page_has_every_word_and_event_number_and_a_rule_example_that_works(installation, tmp_path):
+    page = (DOCS / "MONITOR.md").read_text()
+
+    words = re.findall(r"^  (--\w+)", installation.run_raw("--workdir", installation.work, "--", "--help").out, re.M)
+    assert len(words) == 6
+    assert [word for word in words if f"| `{word}" not in page] == []
+
+    source = (DOCS.parent / "lua/apps/kx_agent/monitor/events.lua").read_text()
+    numbers = re.findall(r"= (7\d{3}),", source)
+    assert len(numbers) == 7
+    assert [number for number in numbers if f"\n| {number} |" not in page] == []
+
+    (example,) = re.findall(r"^```lua\n(.*?)^```$", page, re.M | re.S)
+    installation.write_module("monitor.rules.example", example)
+    outcome = installation.run_raw(*installation.arguments("--", tmp_path / "lua", name="kx_agent"))
+    assert outcome.status == 0, outcome
+    assert "rules: monitor.rules.example (3), monitor.rules.volatile (5)\n" in outcome.out

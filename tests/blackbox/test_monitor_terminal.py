@@ -10,6 +10,8 @@ import pytest
 from agentbox import DEADLINE_S
 from monitorbox import parse, scan
 
+# What may follow a progress line: the next one, or its removal.
+UNCLEARED = re.compile(r"\x1b\[\?7h(?!\r\x1b\[(\?7l|K))")
 PROGRESS = re.compile(r"\r\x1b\[\?7l([^\r\n]*?)\x1b\[K\x1b\[\?7h")
 CLEARED = "\r\x1b[K"
 TERMINAL = {"TERM": "xterm", "NO_COLOR": None}
@@ -107,9 +109,20 @@ def test_other_text_gets_a_line_of_its_own(installation, long_scan):
     _, _, shown = on_terminal(installation, "--list", long_scan)
 
     assert PROGRESS.search(shown)
+    assert not UNCLEARED.search(shown)
     text = PROGRESS.sub("", shown).replace(CLEARED, "")
     assert re.search(rf"^[0-9a-f]{{64}}  {long_scan}/19\r$", text, re.M), text
     assert "\x1b" not in text
+
+
+def test_records_of_the_log_get_a_line_of_their_own(installation, long_scan):
+    words = (long_scan, long_scan / "missing", long_scan)
+
+    _, _, shown = on_terminal(installation, *words, stdout=subprocess.PIPE, status=1)
+
+    assert f"Warning: unreadable: {long_scan}/missing: " in shown
+    assert len(PROGRESS.findall(shown)) > 20
+    assert not UNCLEARED.search(shown)
 
 
 def test_progress_is_no_part_of_an_output_that_goes_elsewhere(installation, long_scan):

@@ -86,9 +86,7 @@ end
 
 -- Whether a folder that was not entered keeps its rows: it lies behind a link, was left out, or cannot be looked at.
 local function isKept(self, row)
-  if row.path == self.root then
-    return false
-  elseif row.linked == 1 or self.options.judge(paths.WithoutSlash(row.path)).ignore then
+  if row.linked == 1 or self.options.judge(paths.WithoutSlash(row.path)).ignore then
     return true
   end
   local at = paths.WithoutSlash(row.path)
@@ -109,9 +107,7 @@ local function passRow(self)
       return step(self)
     end
     self.gone = row.path
-    if row.path ~= self.root then -- that one was named: what comes back there is added
-      self.record:Gone(row.path)
-    end
+    self.record:Gone(row.path)
   end
   if row.name then
     dropFile(self, row)
@@ -149,7 +145,7 @@ local function takeRow(self, name)
   return nil
 end
 
--- The folder that was entered last has been listed: it belongs into the baseline.
+-- The folder that was entered last is left. Unless it could not be listed, it belongs into the baseline.
 local function settle(self)
   if self.isUnsettled then
     self.isUnsettled = false
@@ -171,7 +167,6 @@ local function changeInNewFolder(self, path, depth)
 end
 
 local function start(self, folder)
-  self.root = paths.WithSlash(folder)
   self.next = self.known:Rows(folder)
   self.changes = {} -- by depth: what a file without a row is
   self.unreadable = {} -- paths of entries, as keys; they may be folders
@@ -197,7 +192,6 @@ function compare:Folder(path, depth)
 end
 
 function compare:File(path, found)
-  settle(self)
   local name = path:sub(#self.folder + 1)
   local row = takeRow(self, name)
   local change = self.changes[self.depth]
@@ -226,7 +220,6 @@ end
 function compare:Unreadable(path, _, isGone)
   local folder = paths.WithSlash(path)
   if folder ~= self.folder then -- an entry of the current folder
-    settle(self)
     local name = path:sub(#self.folder + 1)
     self.unreadable[path] = true
     if not takeRow(self, name) and self.changes[self.depth] == "taken" then
@@ -235,7 +228,7 @@ function compare:Unreadable(path, _, isGone)
     return
   end
   self.isUnsettled = false
-  if not isGone then
+  if not isGone then -- else its rows are passed, but it stays a folder of the baseline: what comes back is added
     keepBelow(self, folder)
   end
   if self.changes[self.depth] == "taken" and self.depth > 0 then
@@ -244,7 +237,6 @@ function compare:Unreadable(path, _, isGone)
 end
 
 function compare:LeftOut(path)
-  settle(self)
   local name = path:sub(#self.folder + 1)
   if not takeRow(self, name) then
     note(self, "seen", self.folder, name)
@@ -252,7 +244,6 @@ function compare:LeftOut(path)
 end
 
 function compare:FolderLeftOut(path, isKernel)
-  settle(self)
   local folder = paths.WithSlash(path)
   passUntil(self, folder)
   note(self, "seen", paths.WithSlash(paths.Parent(path)), paths.Name(path))
