@@ -12,7 +12,10 @@
 local driver = require("dbd.sqlite3")
 
 local database = {}
-database.__index = database
+
+-- What Open gives.
+local connection = {}
+connection.__index = connection
 
 local failure = {}
 
@@ -37,18 +40,19 @@ function database.FailureOf(problem)
 end
 
 -- Opens the file, or creates it; nothing is read or written yet. The path is absolute; links in it are followed.
+-- Result: an object with the methods Run, Rows, Row and Close.
 function database.Open(path)
-  local connection, problem = driver.New(path)
-  if not connection then
+  local handle, problem = driver.New(path)
+  if not handle then
     raise(path, problem)
   end
-  connection:autocommit(true) -- transactions begin and end where the caller says so
-  return setmetatable({ path = path, connection = connection, prepared = {}, open = {} }, database)
+  handle:autocommit(true) -- transactions begin and end where the caller says so
+  return setmetatable({ path = path, handle = handle, prepared = {}, open = {} }, connection)
 end
 
 -- bound: what the statement may look at for as long as it is open, kept alive here
 local function prepare(self, sql, bound)
-  local statement, problem = self.connection:prepare(sql)
+  local statement, problem = self.handle:prepare(sql)
   if not statement then
     raise(self.path, problem)
   end
@@ -65,7 +69,7 @@ end
 
 -- Runs one statement that gives no rows. The values take the places of its "?": nil, boolean, number or text.
 -- Statements are prepared once and kept, so `sql` is a constant text.
-function database:Run(sql, ...)
+function connection:Run(sql, ...)
   local statement = self.prepared[sql]
   if not statement then
     statement = prepare(self, sql, {})
@@ -76,7 +80,7 @@ end
 
 -- For one statement that gives rows: a function that returns the next row, a table by the names of its columns, and nil
 -- at the end. Null is nil.
-function database:Rows(sql, ...)
+function connection:Rows(sql, ...)
   local statement = prepare(self, sql, { ... })
   execute(self, statement, ...)
   return function()
@@ -96,7 +100,7 @@ function database:Rows(sql, ...)
 end
 
 -- The first row; nil when there is none. The statement should not give more than one.
-function database:Row(sql, ...)
+function connection:Row(sql, ...)
   local row
   for each in self:Rows(sql, ...) do
     row = row or each
@@ -105,12 +109,12 @@ function database:Row(sql, ...)
 end
 
 -- What was not committed is undone. Safe to call again.
-function database:Close()
+function connection:Close()
   for statement in pairs(self.open) do
     statement:close()
   end
   self.open, self.prepared = {}, {}
-  self.connection:close()
+  self.handle:close()
 end
 
 return database
