@@ -23,6 +23,8 @@ namespace {
 using Kind = DatabaseOutcome::Kind;
 
 const mode_t kFileMode = 0600;
+const char* const kLogSuffix = "-wal";
+const char* const kLogIndexSuffix = "-shm";
 
 // The smallest page, and so the smallest file with anything in it. Source: the library's file format, section 1.3.
 const off_t kSmallestPage = 512;
@@ -75,6 +77,12 @@ DatabaseOutcome SecureFile(const std::string& path)
     if ((status.st_mode & 07777) != kFileMode && !SecureFileOrDirectory(FromUtf8(path), false))
         return {Kind::Failed, "its access rights cannot be restricted"};
     return {};
+}
+
+FileIdentity Identify(const std::string& path)
+{
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0 ? FileIdentity(status.st_dev, status.st_ino) : FileIdentity();
 }
 
 bool IsDamage(int status)
@@ -141,6 +149,7 @@ DatabaseOutcome CEventDatabase::Open(const std::string& path)
     outcome = status == SQLITE_OK ? Prepare() : Outcome(status);
     if (outcome.kind != Kind::Done)
         CloseUntouched();
+    m_path = path;
     return outcome;
 }
 
@@ -199,9 +208,21 @@ DatabaseOutcome CEventDatabase::MakeTable()
 
 bool CEventDatabase::IsInPlace() const
 {
+    return FileIsInPlace() && LogIsInPlace();
+}
+
+bool CEventDatabase::FileIsInPlace() const
+{
     int hasMoved = 0;
     const int status = sqlite3_file_control(m_connection.get(), "main", SQLITE_FCNTL_HAS_MOVED, &hasMoved);
     return status == SQLITE_OK && hasMoved == 0;
+}
+
+// The last client that closes the file removes the log. It can take itself for the last one while this process has the
+// file open: when the process itself has read the file as a plain one, closing that descriptor has dropped the locks.
+bool CEventDatabase::LogIsInPlace() const
+{
+    return m_log == FileIdentity() || m_log == Identify(m_path + kLogSuffix);
 }
 
 DatabaseOutcome CEventDatabase::Insert(const CAgentEvent& event)
@@ -223,6 +244,8 @@ DatabaseOutcome CEventDatabase::Insert(const CAgentEvent& event)
     DatabaseOutcome outcome = Outcome(status);
     sqlite3_reset(insert);
     sqlite3_clear_bindings(insert);
+    if (m_log == FileIdentity())
+        m_log = Identify(m_path + kLogSuffix);
     if (outcome.kind == Kind::Done && sqlite3_last_insert_rowid(m_connection.get()) % s_TrimEvery == 0)
         Trim();
     return outcome;
@@ -239,16 +262,40 @@ void CEventDatabase::Trim()
 
 void CEventDatabase::Close()
 {
-    m_trim.reset();
-    m_insert.reset();
-    m_connection.reset();
+    if (m_connection && !LogIsInPlace()) {
+        CloseUntouched(); // a log of that name is somebody else's
+        return;
+    }
+    if (m_connection && !FileIsInPlace())
+        EmptyLog();
+    Disconnect();
 }
 
 void CEventDatabase::CloseUntouched()
 {
     if (m_connection)
         sqlite3_db_config(m_connection.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    Close();
+    Disconnect();
+}
+
+// The library would leave the last rows of a renamed file in a log beside the old name, and the next file of that name
+// would be taken to own them.
+void CEventDatabase::EmptyLog()
+{
+    const int status =
+        sqlite3_wal_checkpoint_v2(m_connection.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    if (status != SQLITE_OK)
+        return;
+    unlink((m_path + kLogSuffix).c_str());
+    unlink((m_path + kLogIndexSuffix).c_str());
+}
+
+void CEventDatabase::Disconnect()
+{
+    m_trim.reset();
+    m_insert.reset();
+    m_connection.reset();
+    m_log = FileIdentity();
 }
 
 } // namespace VelCore

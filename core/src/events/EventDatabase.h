@@ -3,6 +3,9 @@
 
 #include <memory>
 #include <string>
+#include <utility>
+
+#include <sys/types.h>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -23,6 +26,9 @@ struct DatabaseOutcome
     Kind kind = Kind::Done;
     std::string reason; // UTF-8; empty when done
 };
+
+/// What a name stands for: device and inode; zeros when there is no such file.
+using FileIdentity = std::pair<dev_t, ino_t>;
 
 /// A database file with the table `agent_event`: `id` (ascending), `event_number`, `severity`, `time_s`, `time_ms`,
 /// `description`. A file that holds other tables and not this one is somebody else's and is not touched.
@@ -50,12 +56,13 @@ public:
 
     bool IsOpen() const { return m_connection != nullptr; }
 
-    /// Whether the open file is still the one of its name, neither removed nor renamed.
+    /// Whether the open file and its log are still those of their names, neither removed nor renamed. A row that is
+    /// written to what has no name any more is lost.
     bool IsInPlace() const;
 
     DatabaseOutcome Insert(const CAgentEvent& event);
 
-    /// Closes the file after tidying up its log.
+    /// Closes the file after tidying up its log. A file that was renamed takes the rows in its log along.
     void Close();
 
     /// Closes the file and leaves it as it is, its log included, for somebody to look at.
@@ -67,6 +74,10 @@ private:
     DatabaseOutcome CheckWhole();
     DatabaseOutcome MakeTable();
     DatabaseOutcome Outcome(int status) const;
+    bool FileIsInPlace() const;
+    bool LogIsInPlace() const;
+    void EmptyLog();
+    void Disconnect();
     void Trim();
 
     struct Closer
@@ -78,9 +89,11 @@ private:
 
     DatabaseOutcome Compile(const char* text, Statement& statement);
 
+    std::string m_path;
     std::unique_ptr<sqlite3, Closer> m_connection;
     Statement m_insert; // goes before the connection
     Statement m_trim;
+    FileIdentity m_log{}; // known from the first row on
 };
 
 } // namespace VelCore

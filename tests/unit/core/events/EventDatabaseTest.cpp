@@ -291,6 +291,36 @@ TEST_F(EventDatabase, NoticesThatItsFileIsGone)
     EXPECT_FALSE(database.IsInPlace());
 }
 
+TEST_F(EventDatabase, NoticesThatItsLogIsGone)
+{
+    CEventDatabase database;
+    ASSERT_EQ("done", Open(database));
+    ASSERT_EQ("done", Describe(database.Insert(Event(1))));
+    EXPECT_TRUE(database.IsInPlace());
+
+    ASSERT_EQ(0, rename((m_path + "-wal").c_str(), (m_path + "-elsewhere").c_str()));
+    EXPECT_FALSE(database.IsInPlace());
+    m_folder.Write("events.db-wal", "somebody else's");
+    EXPECT_FALSE(database.IsInPlace());
+
+    database.Close();
+    EXPECT_EQ("somebody else's", VelTest::ReadFile(m_path + "-wal"));
+}
+
+TEST_F(EventDatabase, ClosingARenamedFileLeavesNoRowBehind)
+{
+    CEventDatabase database;
+    ASSERT_EQ("done", Open(database));
+    ASSERT_EQ("done", Describe(database.Insert(Event(1))));
+    ASSERT_EQ(0, rename(m_path.c_str(), (m_path + ".old").c_str()));
+
+    database.Close();
+
+    EXPECT_EQ("1", CDatabase(m_path + ".old").Ask("SELECT event_number FROM agent_event"));
+    EXPECT_FALSE(VelTest::Exists(m_path + "-wal")) << "the next file of that name would be taken to own it";
+    EXPECT_FALSE(VelTest::Exists(m_path + "-shm"));
+}
+
 TEST_F(EventDatabase, SeveralWritersStartTheSameFile)
 {
     std::vector<std::thread> writers;

@@ -217,6 +217,32 @@ TEST_F(EventStore, AFileThatIsRemovedOrRenamedIsReplaced)
     EXPECT_EQ(Texts{}, Errors());
 }
 
+TEST_F(EventStore, ARenamedFileKeepsItsRowsAndTheNextFileHasNoneOfThem)
+{
+    Write(1);
+    CEventStore::Get().Close();
+    ASSERT_EQ(0, rename(m_path.c_str(), (m_path + ".saved").c_str()));
+    Write(2);
+    rename(m_path.c_str(), (m_path + ".old").c_str());
+    rename((m_path + ".saved").c_str(), m_path.c_str());
+    Write(3);
+    EXPECT_EQ("1 3", Numbers(m_path));
+    EXPECT_EQ("2", Numbers(m_path + ".old"));
+    EXPECT_EQ(Texts{}, Errors());
+}
+
+TEST_F(EventStore, ALogThatIsTakenAwayCostsNoLaterEvent)
+{
+    Write(1);
+    unlink((m_path + "-wal").c_str());
+    unlink((m_path + "-shm").c_str());
+    Write(2);
+    Write(3);
+    CEventStore::Get().Close();
+    EXPECT_EQ("2 3", Numbers(m_path));
+    EXPECT_EQ(Texts{}, Errors());
+}
+
 TEST_F(EventStore, AForkedProcessLeavesItsParentsFileAlone)
 {
     Write(1);
