@@ -23,6 +23,7 @@ namespace {
 using Kind = DatabaseOutcome::Kind;
 
 const mode_t kFileMode = 0600;
+const char* const kJournalSuffix = "-journal";
 const char* const kLogSuffix = "-wal";
 const char* const kLogIndexSuffix = "-shm";
 
@@ -76,6 +77,17 @@ DatabaseOutcome SecureFile(const std::string& path)
     // hold.
     if ((status.st_mode & 07777) != kFileMode && !SecureFileOrDirectory(FromUtf8(path), false))
         return {Kind::Failed, "its access rights cannot be restricted"};
+    return {};
+}
+
+// The library follows no link beside the file, but it would wait for the other side of a fifo.
+DatabaseOutcome CheckBeside(const std::string& path)
+{
+    for (const char* suffix : {kJournalSuffix, kLogSuffix, kLogIndexSuffix}) {
+        struct stat status = {};
+        if (lstat((path + suffix).c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+            return {Kind::Failed, "'" + path + suffix + "' is not a regular file"};
+    }
     return {};
 }
 
@@ -139,6 +151,8 @@ DatabaseOutcome CEventDatabase::Open(const std::string& path)
 {
     Close();
     DatabaseOutcome outcome = SecureFile(path);
+    if (outcome.kind == Kind::Done)
+        outcome = CheckBeside(path);
     if (outcome.kind != Kind::Done)
         return outcome;
 

@@ -237,6 +237,23 @@ TEST_F(EventDatabase, WhatIsNoRegularFileIsRefused)
     EXPECT_FALSE(VelTest::Exists(m_folder / "target"));
 }
 
+TEST_F(EventDatabase, WhatIsNoRegularFileBesideItIsRefused)
+{
+    CEventDatabase database;
+    for (const std::string suffix : {"-journal", "-wal", "-shm"}) {
+        const std::string beside = m_path + suffix;
+        ASSERT_EQ(0, mkfifo(beside.c_str(), 0600));
+        EXPECT_EQ("failed: '" + beside + "' is not a regular file", Open(database));
+        unlink(beside.c_str());
+
+        ASSERT_EQ(0, symlink((m_folder / "target").c_str(), beside.c_str()));
+        EXPECT_EQ("failed: '" + beside + "' is not a regular file", Open(database));
+        EXPECT_FALSE(VelTest::Exists(m_folder / "target"));
+        unlink(beside.c_str());
+    }
+    EXPECT_EQ("done", Open(database));
+}
+
 TEST_F(EventDatabase, AFileOfAnotherUserIsRefused)
 {
     if (geteuid() != 0)
