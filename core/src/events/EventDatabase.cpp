@@ -91,12 +91,6 @@ DatabaseOutcome CheckBeside(const std::string& path)
     return {};
 }
 
-FileIdentity Identify(const std::string& path)
-{
-    struct stat status = {};
-    return lstat(path.c_str(), &status) == 0 ? FileIdentity(status.st_dev, status.st_ino) : FileIdentity();
-}
-
 bool IsDamage(int status)
 {
     const int primary = status & 0xff;
@@ -150,6 +144,8 @@ DatabaseOutcome CEventDatabase::Execute(const char* statement)
 DatabaseOutcome CEventDatabase::Open(const std::string& path)
 {
     Close();
+    m_path = path;
+    m_file = IdentifyPath(path);
     DatabaseOutcome outcome = SecureFile(path);
     if (outcome.kind == Kind::Done)
         outcome = CheckBeside(path);
@@ -163,7 +159,6 @@ DatabaseOutcome CEventDatabase::Open(const std::string& path)
     outcome = status == SQLITE_OK ? Prepare() : Outcome(status);
     if (outcome.kind != Kind::Done)
         CloseUntouched();
-    m_path = path;
     return outcome;
 }
 
@@ -236,7 +231,7 @@ bool CEventDatabase::FileIsInPlace() const
 // file open: when the process itself has read the file as a plain one, closing that descriptor has dropped the locks.
 bool CEventDatabase::LogIsInPlace() const
 {
-    return m_log == FileIdentity() || m_log == Identify(m_path + kLogSuffix);
+    return m_log == FileIdentity() || m_log == IdentifyPath(m_path + kLogSuffix);
 }
 
 DatabaseOutcome CEventDatabase::Insert(const CAgentEvent& event)
@@ -259,7 +254,7 @@ DatabaseOutcome CEventDatabase::Insert(const CAgentEvent& event)
     sqlite3_reset(insert);
     sqlite3_clear_bindings(insert);
     if (m_log == FileIdentity())
-        m_log = Identify(m_path + kLogSuffix);
+        m_log = IdentifyPath(m_path + kLogSuffix);
     if (outcome.kind == Kind::Done && sqlite3_last_insert_rowid(m_connection.get()) % s_TrimEvery == 0)
         Trim();
     return outcome;

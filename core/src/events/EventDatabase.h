@@ -3,9 +3,8 @@
 
 #include <memory>
 #include <string>
-#include <utility>
 
-#include <sys/types.h>
+#include "events/FileIdentity.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -26,9 +25,6 @@ struct DatabaseOutcome
     Kind kind = Kind::Done;
     std::string reason; // UTF-8; empty when done
 };
-
-/// What a name stands for: device and inode; zeros when there is no such file.
-using FileIdentity = std::pair<dev_t, ino_t>;
 
 /// A database file with the table `agent_event`: `id` (ascending), `event_number`, `severity`, `time_s`, `time_ms`,
 /// `description`. A file that holds other tables and not this one is somebody else's and is not touched.
@@ -60,6 +56,9 @@ public:
     /// written to what has no name any more is lost.
     bool IsInPlace() const;
 
+    /// The file that was opened last, also when it is damaged.
+    FileIdentity LastFile() const { return m_file; }
+
     DatabaseOutcome Insert(const CAgentEvent& event);
 
     /// Closes the file after tidying up its log. A file that was renamed takes the rows in its log along.
@@ -90,6 +89,7 @@ private:
     DatabaseOutcome Compile(const char* text, Statement& statement);
 
     std::string m_path;
+    FileIdentity m_file{};
     std::unique_ptr<sqlite3, Closer> m_connection;
     Statement m_insert; // goes before the connection
     Statement m_trim;

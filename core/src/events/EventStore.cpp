@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -67,15 +68,45 @@ std::string FreeName(const std::string& path)
     return name;
 }
 
-// Returns the new name; empty, with errno set, when the file has to stay.
-std::string SetAside(const std::string& path)
+bool RenameAll(const std::string& path, const std::string& name)
 {
-    const std::string name = FreeName(path);
     for (const char* suffix : kSuffixes) {
         if (std::rename((path + suffix).c_str(), (name + suffix).c_str()) != 0 && errno != ENOENT)
-            return std::string();
+            return false;
     }
-    return name;
+    return true;
+}
+
+// Waits until nobody else holds the file. The library locks other bytes than the first one.
+void LockFirstByte(int descriptor)
+{
+    struct flock first = {};
+    first.l_type = F_WRLCK;
+    first.l_whence = SEEK_SET;
+    first.l_len = 1;
+    while (fcntl(descriptor, F_SETLKW, &first) != 0 && errno == EINTR) {
+    }
+}
+
+// Renames the damaged file. The name is empty when another process has been quicker: only who holds the file and still
+// finds it under its name may rename, because by then a new one may stand there.
+//
+// Errors: false, with errno set; the file has its name still.
+bool SetAside(const std::string& path, const FileIdentity& damaged, std::string& name)
+{
+    const int descriptor = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+    if (descriptor < 0)
+        return errno == ENOENT;
+    LockFirstByte(descriptor);
+    bool isDone = true;
+    if (IdentifyDescriptor(descriptor) == damaged && IdentifyPath(path) == damaged) {
+        name = FreeName(path);
+        isDone = RenameAll(path, name);
+    }
+    const int error = errno;
+    close(descriptor);
+    errno = error;
+    return isDone;
 }
 
 void Report(const std::string& what, const CAgentEvent& event)
@@ -105,14 +136,15 @@ void CEventStore::Write(const std::string& folder, const CAgentEvent& event)
     DatabaseOutcome outcome = WriteOnce(path, event);
     if (outcome.kind == Kind::Damaged) {
         const std::string damage = outcome.reason;
-        const std::string name = SetAside(path);
-        if (name.empty()) {
-            outcome = {Kind::Failed, "it is damaged (" + damage + ") and cannot be set aside: " + std::strerror(errno)};
-        } else {
-            Report("Agent event database '" + path + "' is damaged (" + damage + "). It was set aside as '" + name +
-                       "'; this event is the first of a new one",
-                   event);
+        std::string name;
+        if (SetAside(path, m_database.LastFile(), name)) {
+            if (!name.empty())
+                Report("Agent event database '" + path + "' is damaged (" + damage + "). It was set aside as '" + name +
+                           "'; this event is the first of a new one",
+                       event);
             outcome = WriteOnce(path, event);
+        } else {
+            outcome = {Kind::Failed, "it is damaged (" + damage + ") and cannot be set aside: " + std::strerror(errno)};
         }
     }
     if (outcome.kind != Kind::Done)

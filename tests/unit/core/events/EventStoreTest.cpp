@@ -170,6 +170,36 @@ TEST_F(EventStore, FilesSetAsideDoNotReplaceEachOther)
     EXPECT_EQ(contents, kept);
 }
 
+TEST_F(EventStore, ProcessesThatNoticeTheSameDamageSetItAsideOnce)
+{
+    m_folder.MakeFolder("a/work");
+    for (int round = 0; round < 10; ++round) {
+        m_folder.Write("a/work/agent_events.db", "no database");
+        std::vector<pid_t> children;
+        for (int number = 1; number <= 6; ++number) {
+            children.push_back(fork());
+            if (children.back() == 0) {
+                Write(number);
+                _exit(static_cast<int>(Errors().size()));
+            }
+        }
+        int records = 0;
+        for (const pid_t child : children) {
+            int status = -1;
+            ASSERT_EQ(child, waitpid(child, &status, 0));
+            records += WEXITSTATUS(status);
+        }
+
+        EXPECT_EQ(1, records) << round;
+        EXPECT_EQ("6", CDatabase(m_path).Ask("SELECT count(*) FROM agent_event")) << round;
+        const Texts aside = Named("agent_events.db.damaged-");
+        ASSERT_EQ(1U, aside.size()) << round;
+        EXPECT_EQ("no database", VelTest::ReadFile(m_work + "/" + aside[0])) << round;
+        for (const std::string& name : Named("agent_events.db"))
+            unlink((m_work + "/" + name).c_str());
+    }
+}
+
 TEST_F(EventStore, DamageWhileTheFileIsOpenIsNoticed)
 {
     Write(1);
