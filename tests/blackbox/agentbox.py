@@ -105,6 +105,11 @@ def escaped(text):
     return re.sub("[\0-\x1f\x7f\udc80-\udcff]", lambda c: names.get(c[0], f"\\x{ord(c[0]) & 0xFF:02x}"), text)
 
 
+def lua_string(data):
+    """A Lua literal of these bytes."""
+    return '"' + "".join(f"\\{byte:03}" for byte in data) + '"'
+
+
 def await_line(process, timeout_s=DEADLINE_S):
     """The next line that `process` prints, without its end; what there is of it when the output ends."""
     line, end = b"", time.monotonic() + timeout_s

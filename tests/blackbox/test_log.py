@@ -8,18 +8,13 @@ import unicodedata
 
 import pytest
 
-from agentbox import LONG_LOOP, in_private_mounts, parse_records, through_shell, write_archive
+from agentbox import LONG_LOOP, in_private_mounts, lua_string, parse_records, through_shell, write_archive
 
 MIB = 1 << 20
 
 
 def mode(path):
     return oct(stat.S_IMODE(os.stat(path).st_mode))
-
-
-def lua_string(data):
-    """A Lua literal of these bytes."""
-    return '"' + "".join(f"\\{byte:03}" for byte in data) + '"'
 
 
 # The file.
