@@ -287,12 +287,14 @@ class Installation:
         self._processes.append(process)
         return process
 
-    def run_on_terminal(self, *words, env=None, **shape):
+    def run_on_terminal(self, *words, env=None, wrapper=(), **shape):
         """Runs the application with a terminal as standard streams; returns status and everything shown."""
+        command = [*wrapper, str(self.executable), *self.arguments(*words, **shape)]
+        environment = self.environment(**(env or {}))
         pid, master = pty.fork()
         if pid == 0:
             os.chdir(self.root)
-            os.execve(self.executable, [str(self.executable), *self.arguments(*words, **shape)], self.environment(**(env or {})))
+            os.execvpe(command[0], command, environment)
         shown = b""
         try:
             while True:

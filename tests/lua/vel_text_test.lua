@@ -86,6 +86,28 @@ function TestPrintable.testCanBeReversedSoNoTwoNamesLookTheSame()
   end
 end
 
+TestForXml = {}
+
+function TestForXml.testKeepsWhatXmlHas()
+  local beyondAscii = "caf\xC3\xA9 \xC2\x80 \xE2\x80\xAE \xEF\xBF\xBD \xF4\x8F\xBF\xBF"
+  for _, kept in ipairs({ "", "two\nlines\tand\rmore \\n", "<&>]]>\127", beyondAscii }) do
+    lu.assertEquals(text.ForXml(kept), kept)
+  end
+end
+
+function TestForXml.testEscapesWhatXmlDoesNotHave()
+  local cases = {
+    { "\27[31mred\0", "\\x1b[31mred\\x00" },
+    { "\8\11\12\14\31", "\\x08\\x0b\\x0c\\x0e\\x1f" },
+    { "caf\xE9", "caf\\xe9" },
+    { "\xED\xA0\x80", "\\xed\\xa0\\x80" }, -- surrogate
+    { "\xEF\xBF\xBE \xEF\xBF\xBF", "\\xef\\xbf\\xbe \\xef\\xbf\\xbf" }, -- U+FFFE, U+FFFF
+  }
+  for _, case in ipairs(cases) do
+    lu.assertEquals(text.ForXml(case[1]), case[2])
+  end
+end
+
 TestThousands = {}
 
 function TestThousands.testGroupsByThree()

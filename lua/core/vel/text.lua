@@ -28,8 +28,11 @@ local hiddenRanges = {
   { 0xFEFF, 0xFEFF }, -- byte-order mark, invisible
 }
 
-local function isHidden(codePoint)
-  for _, range in ipairs(hiddenRanges) do
+-- Characters that XML does not have. Source: Extensible Markup Language 1.0, "Char".
+local notXmlRanges = { { 0xFFFE, 0xFFFF } }
+
+local function isWithin(ranges, codePoint)
+  for _, range in ipairs(ranges) do
     if codePoint >= range[1] and codePoint <= range[2] then
       return true
     end
@@ -64,14 +67,9 @@ local function escapeByte(byte)
   return letterEscapes[byte] or ("\\x%02x"):format(byte:byte())
 end
 
--- `bytes` (a file name, a word of a command line) as text that stays on its line and sends nothing to a terminal:
--- control characters, bytes that are not UTF-8, and invisible or direction-changing characters are escaped
--- (\n, \r, \t, else \xNN for each byte), and so is the backslash. Two different names never give the same text.
-function text.Printable(bytes)
-  if not bytes:find("[^ -%[%]-~]") then
-    return bytes
-  end
-  bytes = bytes:gsub("[%z\1-\31\\\127]", escapeByte)
+-- `bytes` with replace(character, codePoint) in the place of every character beyond ASCII; a byte that is no part of one
+-- comes alone, without a code point.
+local function replaceBeyondAscii(bytes, replace)
   if not bytes:find("[\128-\255]") then
     return bytes
   end
@@ -85,32 +83,54 @@ function text.Printable(bytes)
       break
     end
     local length, codePoint = decode(bytes, special)
-    local character = bytes:sub(special, special + (length or 1) - 1)
-    if not length or isHidden(codePoint) then
-      character = character:gsub(".", escapeByte)
-    end
-    pieces[#pieces + 1] = character
     position = special + (length or 1)
+    pieces[#pieces + 1] = replace(bytes:sub(special, position - 1), codePoint)
   end
   return table.concat(pieces)
 end
 
+-- Escapes every byte of the characters within `ranges`, and of what is no character.
+local function newEscaper(ranges)
+  return function(character, codePoint)
+    if codePoint and not isWithin(ranges, codePoint) then
+      return character
+    end
+    return (character:gsub(".", escapeByte))
+  end
+end
+
+local escapeHidden = newEscaper(hiddenRanges)
+local escapeNotXml = newEscaper(notXmlRanges)
+
+-- `bytes` (a file name, a word of a command line) as text that stays on its line and sends nothing to a terminal:
+-- control characters, bytes that are not UTF-8, and invisible or direction-changing characters are escaped
+-- (\n, \r, \t, else \xNN for each byte), and so is the backslash. Two different names never give the same text.
+function text.Printable(bytes)
+  if not bytes:find("[^ -%[%]-~]") then
+    return bytes
+  end
+  bytes = bytes:gsub("[%z\1-\31\\\127]", escapeByte)
+  return replaceBeyondAscii(bytes, escapeHidden)
+end
+
+-- `bytes` with only characters that XML has; the others, and bytes that are not UTF-8, become \xNN. Lines stay lines.
+-- Markup is not escaped.
+function text.ForXml(bytes)
+  bytes = bytes:gsub("[%z\1-\8\11\12\14-\31]", escapeByte)
+  return replaceBeyondAscii(bytes, escapeNotXml)
+end
+
 -- `bytes` as UTF-8: each byte that is no part of a character becomes U+FFFD. The second result is how many those were.
 function text.ReplaceInvalid(bytes)
-  local pieces, replaced = {}, 0
-  local position = 1
-  while position <= #bytes do
-    local special = bytes:find("[\128-\255]", position)
-    pieces[#pieces + 1] = bytes:sub(position, (special or 0) - 1)
-    if not special then
-      break
+  local replaced = 0
+  local valid = replaceBeyondAscii(bytes, function(character, codePoint)
+    if codePoint then
+      return character
     end
-    local length = decode(bytes, special)
-    pieces[#pieces + 1] = length and bytes:sub(special, special + length - 1) or "\xEF\xBF\xBD"
-    replaced = replaced + (length and 0 or 1)
-    position = special + (length or 1)
-  end
-  return table.concat(pieces), replaced
+    replaced = replaced + 1
+    return "\xEF\xBF\xBD"
+  end)
+  return valid, replaced
 end
 
 -- A whole number with a comma between groups of three digits: 1234567 is "1,234,567". Exact up to 2^53.
