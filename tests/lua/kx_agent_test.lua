@@ -341,7 +341,3 @@ function TestKxAgent.testReportThatCannotBeWrittenIsAnError()
   end
   lu.assertStrContains(run({ folder }).out, " 1 added, ")
 end
-
-if (arg[0] or ""):find("kx_agent_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

@@ -407,7 +407,3 @@ function TestBaseline.testTheLastWordAboutAFileCounts()
   end)
   lu.assertEquals(contents(), { ["/a/f"] = state("second") })
 end
-
-if (arg[0] or ""):find("monitor_baseline_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

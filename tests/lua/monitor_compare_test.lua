@@ -525,7 +525,3 @@ function TestCompareReset.testEverythingBecomesTheBaselineInSilence()
   })
   lu.assertEquals(record.folders, { ["/a/b/"] = "gone" })
 end
-
-if (arg[0] or ""):find("monitor_compare_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

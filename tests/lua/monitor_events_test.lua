@@ -55,7 +55,3 @@ function TestEvents.testRuns()
     })
   end
 end
-
-if (arg[0] or ""):find("monitor_events_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

@@ -72,7 +72,3 @@ function TestOwnFiles.testTheSameNumberOnAnotherDeviceIsAnotherFile()
   local status = descriptor.LinkStatus(top .. "/a")
   lu.assertFalse(own:Has({ st_ino = status.st_ino, st_dev = status.st_dev + 1 }))
 end
-
-if (arg[0] or ""):find("monitor_folders_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

@@ -181,7 +181,3 @@ function TestJson.testTheLocaleDoesNotMatter()
   os.setlocale(before, "numeric")
   lu.assertStrContains(written, '"milliseconds":1234}')
 end
-
-if (arg[0] or ""):find("monitor_json_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

@@ -97,7 +97,3 @@ function TestOptions.testUsageNamesEveryOption()
     lu.assertStrContains(options.Usage, word)
   end
 end
-
-if (arg[0] or ""):find("monitor_options_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

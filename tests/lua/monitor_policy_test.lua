@@ -196,7 +196,3 @@ function TestPolicy.testExcludesAndJudgeAgree()
     end
   end
 end
-
-if (arg[0] or ""):find("monitor_policy_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

@@ -105,7 +105,3 @@ function TestProgress.testWantedOnATerminalThatCanRewriteALine()
   lu.assertFalse(progress.IsWanted(true, environment("dumb")))
   lu.assertFalse(progress.IsWanted(false, environment("xterm")))
 end
-
-if (arg[0] or ""):find("monitor_progress_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

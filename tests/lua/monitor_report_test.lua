@@ -143,7 +143,3 @@ function TestChangeTable.testColoursAreByKindAndMoveNothing()
   lu.assertStrContains(shown, "\nRremoved.  0123456789ab")
   lu.assertEquals(shown:gsub("[GYR](%l+ *)%.", "%1"), tableOf(threeChanges))
 end
-
-if (arg[0] or ""):find("monitor_report_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

@@ -108,7 +108,3 @@ function TestRules.testVolatileFoldersAreLeftOutUnlessNamed()
   judgements:Folder("/tmp", 0)
   lu.assertFalse(judgements:Excludes("/tmp/file", "file"))
 end
-
-if (arg[0] or ""):find("monitor_rules_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

@@ -705,7 +705,3 @@ function TestScan.testFileThatCannotBeReadIsToldAndDoesNotFailTheScan()
   }))
   lu.assertEquals(events, { { "Unreadable", "closed", "Permission denied" }, { "File", "open" } })
 end
-
-if (arg[0] or ""):find("monitor_scan_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

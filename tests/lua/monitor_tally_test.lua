@@ -63,7 +63,3 @@ function TestTally.testFolderGivenTwiceIsCountedTwice()
   lu.assertEquals(counts:Rows(), { row, row })
   lu.assertEquals(counts:Total(), { files = 2, bytes = 14, unreadable = 0 })
 end
-
-if (arg[0] or ""):find("monitor_tally_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

@@ -31,7 +31,3 @@ end
 function TestBytewise.testNothingToSort()
   lu.assertEquals(sorted({}), {})
 end
-
-if (arg[0] or ""):find("vel_bytewise_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

@@ -172,7 +172,3 @@ function TestDatabase.testOtherErrorsAreNotFailures()
   end
   lu.assertNil(database.FailureOf(nil))
 end
-
-if (arg[0] or ""):find("vel_database_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

@@ -104,7 +104,3 @@ function TestModules:testTemplatesOfOtherShapesArePassedOver()
   package.path = self.folder .. "/fixed.lua;;" .. self.folder .. "/?/?.lua;?"
   lu.assertEquals(modules.Below("rules"), {})
 end
-
-if (arg[0] or ""):find("vel_modules_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

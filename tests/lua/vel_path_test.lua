@@ -46,7 +46,3 @@ function TestPath.testSlashAtTheEnd()
   lu.assertEquals(path.WithSlash("/"), "/")
   lu.assertEquals(path.WithSlash("/etc"), "/etc/")
 end
-
-if (arg[0] or ""):find("vel_path_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

@@ -122,7 +122,3 @@ end
 function TestPrivateFile.testTheFolderIsMissing()
   lu.assertEquals({ private_file.MakeFile(folder .. "/missing/file") }, { false, "No such file or directory" })
 end
-
-if (arg[0] or ""):find("vel_private_file_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

@@ -48,7 +48,3 @@ function TestPainter.testStyleThatDoesNotExistIsAnErrorWithAndWithoutColours()
     lu.assertErrorMsgContains("no such style: loud", terminal.NewPainter(isColoured), "loud", "text")
   end
 end
-
-if (arg[0] or ""):find("vel_terminal_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end

@@ -225,7 +225,3 @@ function TestLayout.testPaintDoesNotMoveTheColumns()
   end)
   lu.assertEquals(line, "<a   >  b\n")
 end
-
-if (arg[0] or ""):find("vel_text_test%.lua$") then
-  os.exit(lu.LuaUnit.run())
-end
