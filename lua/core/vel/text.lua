@@ -67,8 +67,8 @@ local function escapeByte(byte)
   return letterEscapes[byte] or ("\\x%02x"):format(byte:byte())
 end
 
--- `bytes` with replace(character, codePoint) in the place of every character beyond ASCII; a byte that is no part of one
--- comes alone, without a code point.
+-- `bytes` with replace(character, codePoint) in the place of every character beyond ASCII; a byte that is no part of
+-- one comes alone, without a code point.
 local function replaceBeyondAscii(bytes, replace)
   if not bytes:find("[\128-\255]") then
     return bytes
