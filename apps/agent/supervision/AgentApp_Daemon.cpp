@@ -2,7 +2,7 @@
 //
 // Whoever started the command sees success as soon as the first fork has succeeded; the pid file is the sign of life.
 //
-// Tested by: blackbox/test_daemon.py.
+// Tested by: blackbox/test_daemon.py, blackbox/test_adoption.py.
 
 #include "AgentApp.h"
 
@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 #include <unistd.h>
 
@@ -25,6 +26,8 @@
 
 namespace {
 
+const int kAdoptionNaps = 5000; // of a millisecond
+
 // Ends this process in favour of its child. Returns false in the process that goes on as the caller only when there is
 // no child.
 bool LiveOnInChild(const wxString& failure)
@@ -36,6 +39,16 @@ bool LiveOnInChild(const wxString& failure)
         return true;
     wxLogSysError(errno, L"%s", failure);
     return false;
+}
+
+// Waits until `parent` is gone, which takes it milliseconds, and this process has become a child of whoever takes in
+// orphans. A service manager that does so itself looks for its own child behind the pid file: for another's it does not
+// wait at a stop, but kills at once. The bound is for a parent that something holds up.
+void AwaitAdoption(pid_t parent)
+{
+    const struct timespec nap = {0, 1000000};
+    for (int naps = 0; getppid() == parent && naps < kAdoptionNaps; ++naps)
+        nanosleep(&nap, nullptr);
 }
 
 } // namespace
@@ -65,9 +78,11 @@ bool CAgentApp::BecomeDaemon(int& exitCode)
         return false;
     setsid();
     LeaveFolder();
+    const pid_t leader = getpid();
     if (!LiveOnInChild(L"Unable to do 2nd fork"))
         return false;
 
+    AwaitAdoption(leader);
     SilenceStandardStreams();
     CloseInheritedDescriptors();
     // As soon as the file exists, a stop may come.
