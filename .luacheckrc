@@ -1,4 +1,4 @@
--- luacheck: one standard for every Lua file of the tree. Run it with: luacheck lua tests/lua
+-- luacheck: one standard for every Lua file of the tree. Run it with: luacheck lua tests/lua tests/packaging
 local host = require("lua.editor.luacheckrc")
 
 std = host.std
