@@ -16,13 +16,14 @@ import zipfile
 from dataclasses import dataclass
 from pathlib import Path
 
+from background import BackgroundAgent
+from keeper import Call
+from waiting import DEADLINE_S, await_condition  # noqa: F401 -- for scenarios, beside what is defined here
+
 BUILD = Path(os.environ.get("VEL_BUILD", Path(__file__).resolve().parents[2] / "build"))
 
 # How often a scenario that repeats itself does so. Sanitizer builds take fewer rounds.
 LONG_LOOP = int(os.environ.get("VEL_LONG_LOOP", "2000"))
-
-# Everything here ends in well under a second; the limit is for machines under load and for sanitizer builds.
-DEADLINE_S = 60
 
 
 @dataclass
@@ -88,17 +89,6 @@ def parse_records(text):
     return records
 
 
-def await_condition(condition, what, timeout_s=DEADLINE_S):
-    """Waits until `condition()` gives something true, and returns it."""
-    end = time.monotonic() + timeout_s
-    while time.monotonic() < end:
-        value = condition()
-        if value:
-            return value
-        time.sleep(0.005)
-    raise AssertionError(f"timed out after {timeout_s} s waiting for {what}")
-
-
 def escaped(text):
     """`text` as a record shows it."""
     names = {"\n": "\\n", "\t": "\\t", "\r": "\\r"}
@@ -137,6 +127,11 @@ def stock_lua(script, *words, cwd=None):
     return Outcome(done.returncode, done.stdout, done.stderr)
 
 
+def sanitizer_options(*more):
+    """An environment in which these options are added to those of a sanitizer build; no other build reads them."""
+    return {"ASAN_OPTIONS": ":".join([os.environ.get("ASAN_OPTIONS", ""), *more])}
+
+
 # Wrappers: what `run` and `run_raw` put in front of the command line.
 
 # Another user than root; what the scenario uses has to be readable for it, see the fixture `public_installation`.
@@ -173,6 +168,7 @@ class Installation:
         shutil.copytree(BUILD / "bin", self.bin, symlinks=True)
         self.lua.mkdir()
         self._processes = []
+        self._agents = []
 
     @property
     def executable(self):
@@ -197,6 +193,13 @@ class Installation:
             f"{top}\nlocal app = {{}}\nfunction app.init() {init} end\nfunction app.main() {main} end\n"
             f"function app.shutdown() {shutdown} end\nreturn app\n",
             folder,
+        )
+
+    def write_service(self, init="", main="", shutdown="", top="", name=None):
+        """An application that logs each phase it comes to, for `BackgroundAgent.worker_in`."""
+        marked = {"init": init, "main": main, "shutdown": shutdown}
+        return self.write_app(
+            **{phase: f"dom:Log('message', '{phase}') {body}" for phase, body in marked.items()}, top=top, name=name
         )
 
     def write_domain_app(self, **options):
@@ -287,6 +290,27 @@ class Installation:
         self._processes.append(process)
         return process
 
+    def launch_in_background(self, *words, name=None, env=None, wrapper=(), lua_path=True, workdir=True, **inherited):
+        """Calls the application with --background and does not wait for anything. `inherited`: see `keeper.Call`."""
+        name = name or self.name
+        call = Call(
+            command=[*wrapper, str(self.executable), "-b", *self.arguments(*words, name=name, lua_path=lua_path, workdir=workdir)],
+            environment=self.environment(**(env or {})),
+            folder=inherited.pop("folder", self.root),
+            output=inherited.pop("output", self.root / f"{name}.out"),
+            **inherited,
+        )
+        self._agents.append(BackgroundAgent(self, name, call))
+        return self._agents[-1]
+
+    def start_in_background(self, *words, init="", main="", shutdown="", top="", name=None, **options):
+        """Starts a service of these phases, see `write_service`. Options: see `launch_in_background`."""
+        self.write_service(init, main, shutdown, top, name)
+        agent = self.launch_in_background(*words, name=name, **options)
+        assert agent.command_status == 0, agent.lines()
+        assert agent.watchdog
+        return agent
+
     def run_on_terminal(self, *words, env=None, wrapper=(), **shape):
         """Runs the application with a terminal as standard streams; returns status and everything shown."""
         command = [*wrapper, str(self.executable), *self.arguments(*words, **shape)]
@@ -317,6 +341,8 @@ class Installation:
         return None if shown == "none" else shown[1:].split(";")
 
     def close(self):
+        for agent in self._agents:
+            agent.close()
         for process in self._processes:
             try:
                 os.killpg(process.pid, signal.SIGKILL)

@@ -4,15 +4,19 @@ import itertools
 import os
 import shutil
 import signal
+import subprocess
 import tempfile
+from pathlib import Path
 
 import pytest
 
-from agentbox import Installation
+from agentbox import Installation, sanitizer_options
 
 # A suite that a shell runs in the background starts with these ignored, and so would every agent.
 signal.signal(signal.SIGINT, signal.default_int_handler)
 signal.signal(signal.SIGQUIT, signal.SIG_DFL)
+
+SUPPORT = Path(__file__).resolve().parents[1] / "support"
 
 _numbers = itertools.count(1)
 
@@ -68,6 +72,19 @@ def open_installation():
     yield box
     box.close()
     shutil.rmtree(root)
+
+
+@pytest.fixture(scope="session")
+def preloaded(tmp_path_factory):
+    """Environments in which the agent's system calls do as they are told: `preloaded(TEST_FORK=1)`."""
+    library = tmp_path_factory.mktemp("preloaded") / "calls.so"
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, SUPPORT / "preloaded_calls.c", "-ldl"], check=True)
+
+    def environment(*more_sanitizer_options, **settings):
+        changes = {"LD_PRELOAD": str(library), **{name: str(value) for name, value in settings.items()}}
+        return sanitizer_options("verify_asan_link_order=0", *more_sanitizer_options) | changes
+
+    return environment
 
 
 def _printable(value):

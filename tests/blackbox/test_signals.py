@@ -3,42 +3,15 @@
 import ctypes
 import os
 import signal
-from pathlib import Path
 
 import pytest
 
 from agentbox import await_condition, await_end, await_line
+from proc import CLOCK_NANOSLEEP, READ, await_blocked_in, script_thread, signals, status_of, threads
 
 LIBC = ctypes.CDLL(None, use_errno=True)
 
-# The system calls that a script below blocks in (x86-64).
-READ, CLOCK_NANOSLEEP = 0, 230
-
 READY = "print('ready') io.stdout:flush()"
-
-
-def status_of(pid, thread):
-    """The fields of a thread's status."""
-    return dict(line.split(":\t", 1) for line in Path(f"/proc/{pid}/task/{thread}/status").read_text().splitlines() if ":\t" in line)
-
-
-def threads(pid):
-    return sorted(int(name) for name in os.listdir(f"/proc/{pid}/task"))
-
-
-def script_thread(pid):
-    return next(thread for thread in threads(pid) if status_of(pid, thread)["Name"] == "CScriptThread")
-
-
-def signals(field):
-    """The signal numbers in a mask, without the two that belong to the C library."""
-    return {number for number in range(1, 65) if int(field, 16) >> (number - 1) & 1} - {32, 33}
-
-
-def await_blocked_in(pid, thread, call):
-    """Waits until the thread sleeps in the given system call."""
-    path = Path(f"/proc/{pid}/task/{thread}/syscall")
-    await_condition(lambda: path.read_text().split()[0] == str(call), f"system call {call} of thread {thread}")
 
 
 def await_delivered(pid, number):
