@@ -27,9 +27,9 @@ def write_script(installation, name, text, folder="t"):
     return path
 
 
-def drive(installation, *words, spec="t/*", env=None, **options):
-    """Runs the driver on the scripts that `spec` matches, with `words` for LuaUnit."""
-    return installation.run("-u", spec, "--", *words, env={"TERM": "xterm", **(env or {})}, **options)
+def drive(installation, *words, scripts="t/*", env=None, **options):
+    """Runs the driver on the scripts that `scripts` matches, with `words` for LuaUnit."""
+    return installation.run("-u", scripts, "--", *words, env={"TERM": "xterm", **(env or {})}, **options)
 
 
 def drive_script(installation, text, *words, **options):
@@ -128,7 +128,7 @@ def test_scripts_run_in_the_order_of_the_bytes(driven):
     for name in names:
         write_script(driven, name, "print(debug.getinfo(1, 'S').source)")
 
-    outcome = drive(driven, spec="t/*_test.lua", env={"LANG": "C.UTF-8"})
+    outcome = drive(driven, scripts="t/*_test.lua", env={"LANG": "C.UTF-8"})
 
     shown = [line for line in outcome.out.split("\n") if line.startswith("@")]
     wanted = sorted((f"t/{name}" for name in names), key=os.fsencode)
@@ -144,21 +144,21 @@ def test_folders_fifos_and_devices_are_no_scripts(driven):
     assert summary(drive(driven, timeout=20)) == "Ran 1 tests, 1 success, 0 failures"
 
 
-@pytest.mark.parametrize("spec", ["none*", "t/none_*.lua", "no/such/folder/*", "t/folder*", "t/fifo*", "/*.nothing", "?", "t/[x]_*", "one_test.lua*"])
-def test_no_script_is_a_line_and_status_1(driven, spec):
+@pytest.mark.parametrize("scripts", ["none*", "t/none_*.lua", "no/such/folder/*", "t/folder*", "t/fifo*", "/*.nothing", "?", "t/[x]_*", "one_test.lua*"])
+def test_no_script_is_a_line_and_status_1(driven, scripts):
     write_script(driven, "one_test.lua", PASSES)
     (driven.root / "t" / "folder_test.lua").mkdir()
     os.mkfifo(driven.root / "t" / "fifo_test.lua")
 
-    assert complaint(drive(driven, spec=spec, timeout=20)) == f"no script matches '{spec}'"
+    assert complaint(drive(driven, scripts=scripts, timeout=20)) == f"no script matches '{scripts}'"
 
 
 def test_pattern_cannot_forge_a_line(driven):
-    assert complaint(drive(driven, spec="none*\\nvelunit: \\27[31mOK\\0")) == "no script matches 'none*\\nvelunit: \\x1b[31mOK\\x00'"
+    assert complaint(drive(driven, scripts="none*\\nvelunit: \\27[31mOK\\0")) == "no script matches 'none*\\nvelunit: \\x1b[31mOK\\x00'"
 
 
 @pytest.mark.parametrize(
-    "spec, ran",
+    "scripts, ran",
     [
         ("t/one_test.lua", "1"),
         ("./t/../t/one_test.lua", "1"),
@@ -180,14 +180,14 @@ def test_pattern_cannot_forge_a_line(driven):
     ],
     ids=range(15),
 )
-def test_specification_is_a_file_or_a_pattern(driven, spec, ran):
+def test_specification_is_a_file_or_a_pattern(driven, scripts, ran):
     names = ["one_test.lua", "[n]ame.lua", "st*r.lua", "what?.lua", 'quote".lua', "line\nfeed.lua", "back\\slash.lua", "quote'.lua", ".hidden.lua"]
     for number, name in enumerate(names, start=1):
         write_script(driven, name, f"print('script', {number}) {PASSES}")
     for number, name in enumerate(["name.lua", "star.lua", "whatx.lua", "n.lua", "a.txt", "b", "c"], start=20):
         write_script(driven, name, f"print('script', {number}) {PASSES}")
 
-    outcome = drive(driven, spec=spec)
+    outcome = drive(driven, scripts=scripts)
 
     shown = re.findall(r"^script\t(\d+)$", outcome.out, re.M)
     assert outcome.status == 0, outcome
@@ -197,7 +197,7 @@ def test_specification_is_a_file_or_a_pattern(driven, spec, ran):
 def test_absolute_pattern(driven):
     write_script(driven, "one_test.lua", PASSES)
 
-    assert drive(driven, spec=f"{driven.root}/t/*", cwd="/").status == 0
+    assert drive(driven, scripts=f"{driven.root}/t/*", cwd="/").status == 0
 
 
 # Scripts that cannot be run
