@@ -599,36 +599,6 @@ def test_worker_without_a_watchdog_that_does_not_end_is_cut_off(installation):
         assert (last.pid, last.level) == (each.worker, "Error"), (each.case, last)
 
 
-# Leaves one byte that the C library writes when the process ends, into a pipe that takes none.
-UNWRITTEN = """
-    local fcntl, unistd = require('posix.fcntl'), require('posix.unistd')
-    full = fcntl.open('pipe', fcntl.O_RDWR + fcntl.O_NONBLOCK)
-    while unistd.write(full, ('x'):rep(4096)) do end
-    while unistd.write(full, 'x') do end
-    unwritten = io.open('pipe', 'w')
-    unwritten:write('x') """
-
-
-@pytest.mark.slow
-@pytest.mark.parametrize("first", ["the watchdog is lost", "the end begins"])
-def test_worker_without_a_watchdog_that_is_stuck_in_its_end_is_cut_off(installation, first):
-    installation.work.mkdir(mode=0o700)
-    os.mkfifo(installation.work / "pipe")
-    gate = installation.root / "gate"
-    agent = installation.start_in_background(main=UNWRITTEN + log("blocks") + once_there(gate) + "return 7")
-    worker = agent.record("Message: blocks").pid
-    if first == "the end begins":
-        gate.touch()
-        agent.wait_for(lambda: len(threads(worker)) == 1, "the end of the script thread")
-
-    os.kill(agent.watchdog, signal.SIGKILL)
-    agent.status_of(agent.watchdog)
-    gate.touch()
-
-    agent.await_nothing_left(timeout_s=LIMIT_S + 5)
-    assert agent.status_of(worker) == 1
-
-
 def test_worker_without_a_watchdog_may_take_a_while(installation):
     """For as long as another worker waits for its restart."""
     gate = installation.root / "gate"

@@ -73,6 +73,10 @@ bool CAgentApp::BecomeDaemon(int& exitCode)
     m_pidFile = wxString::Format(L"/var/run/%s.pid", GetAppName());
     RefuseSecondInstance();
 
+    // When this process leads the session of a terminal, its end hangs up the terminal, and with it the child, which
+    // may not have left yet.
+    IgnoreHangup();
+
     exitCode = -1;
     if (!LiveOnInChild(L"Unable to fork"))
         return false;

@@ -3,7 +3,7 @@
 // One loop: judge the restart, wait out the delay, fork a worker, wait for its end, decide. The judgement and the
 // decision are pure (RestartPolicy, WaitStatus); this file only talks to the kernel and the log.
 //
-// SIGTERM is blocked but for the two calls in which the loop waits, so the handler never meets the process in the
+// SIGTERM is blocked but for the calls in which the loop waits, so the handler never meets the process in the
 // middle of something, and no stop is lost between a look at it and a fork.
 //
 // Tested by: unit/agent/supervision/{RestartPolicy,WaitStatus}Test.cpp, blackbox/test_watchdog.py.
@@ -83,7 +83,11 @@ void StopDriver()
     wxString output;
     wxString error;
     unsigned long code = 0;
-    if (VelCore::Execute(kDriverScript, L"stopmod", output, code, error))
+    // A script that hangs must not keep a stop away.
+    UnblockSigterm();
+    const bool isStopped = VelCore::Execute(kDriverScript, L"stopmod", output, code, error);
+    BlockSigterm();
+    if (isStopped)
         wxLogMessage(L"Driver stopped using %s", kDriverScript);
     else
         wxLogError(L"Error stopping driver: %s", error);

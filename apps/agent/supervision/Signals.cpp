@@ -120,6 +120,11 @@ void RestoreChildSignal()
     SetDisposition(SIGCHLD, SIG_DFL, 0);
 }
 
+void IgnoreHangup()
+{
+    SetDisposition(SIGHUP, SIG_IGN, 0);
+}
+
 void PrepareForStop()
 {
     // Blocked first: a signal that comes while its disposition changes must not be lost.

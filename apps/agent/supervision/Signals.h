@@ -25,6 +25,9 @@ void InstallApplicationSignals();
 /// Undoes an ignored SIGCHLD that the caller of the program left behind: nobody could wait for a child otherwise.
 void RestoreChildSignal();
 
+/// Until `PrepareForStop`.
+void IgnoreHangup();
+
 /// Gives a service-to-be the signal state that its watchdog relies on, whatever the caller of the program left behind:
 /// default dispositions, and nothing blocked but SIGTERM. A stop that comes before the watchdog can answer it waits.
 void PrepareForStop();

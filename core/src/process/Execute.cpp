@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include <fcntl.h>
@@ -26,6 +27,8 @@ const std::size_t kKeptOutput = 1024 * 1024;
 // How often to look whether the program has ended while somebody else keeps its output open. Without such a helper the
 // end of the output comes at once, and nothing is looked for.
 const int kLookMs = 50;
+
+const std::size_t kPipeCapacity = 65536;
 
 // Both ends of a pipe, closed with the scope.
 struct CPipe
@@ -57,36 +60,49 @@ struct CPipe
 };
 
 enum class Output {
+    More,
     Waiting, // nothing more at the moment
     Ended,
 };
 
-// Reads what there is.
-Output Drain(int descriptor, std::string& output)
+// Reads once. A helper may write faster than we read, so there need not be an end to it.
+Output ReadSome(int descriptor, std::string& output)
 {
-    char buffer[16384];
-    for (;;) {
-        const ssize_t length = read(descriptor, buffer, sizeof buffer);
-        if (length > 0) {
-            const std::size_t room = kKeptOutput - output.size();
-            output.append(buffer, std::min(room, static_cast<std::size_t>(length)));
-        } else if (length == 0) {
-            return Output::Ended;
-        } else if (errno != EINTR) {
-            return errno == EAGAIN || errno == EWOULDBLOCK ? Output::Waiting : Output::Ended;
-        }
+    char buffer[65536];
+    const ssize_t length = read(descriptor, buffer, sizeof buffer);
+    if (length > 0) {
+        const std::size_t room = kKeptOutput - output.size();
+        output.append(buffer, std::min(room, static_cast<std::size_t>(length)));
+    }
+    if (length < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+        return Output::Waiting;
+    return length > 0 ? Output::More : Output::Ended;
+}
+
+// What the program has written before its end and nobody has read yet; a pipe holds no more than this.
+void ReadRest(int descriptor, std::string& output)
+{
+    const std::size_t most = output.size() + kPipeCapacity;
+    while (output.size() < most && ReadSome(descriptor, output) == Output::More && output.size() < kKeptOutput) {
     }
 }
 
 // Collects output until the program has ended. Returns its wait status; -1 with errno set on failure.
 int Collect(pid_t child, int descriptor, std::string& output)
 {
-    struct pollfd source = {descriptor, POLLIN, 0};
-    while (Drain(descriptor, output) == Output::Waiting) {
+    using Clock = std::chrono::steady_clock;
+    const auto pause = std::chrono::milliseconds(kLookMs);
+    Clock::time_point nextLook = Clock::now() + pause;
+    for (Output state = Output::More; state != Output::Ended; state = ReadSome(descriptor, output)) {
+        struct pollfd source = {descriptor, POLLIN, 0};
+        if (state == Output::Waiting)
+            poll(&source, 1, kLookMs);
+        if (Clock::now() < nextLook)
+            continue;
+        nextLook = Clock::now() + pause;
         int status = 0;
-        const int ready = poll(&source, 1, kLookMs);
-        if (ready == 0 && waitpid(child, &status, WNOHANG) == child) {
-            Drain(descriptor, output); // what came between the look and the end
+        if (waitpid(child, &status, WNOHANG) == child) {
+            ReadRest(descriptor, output);
             return status;
         }
     }
