@@ -39,7 +39,7 @@ void CloseInheritedDescriptors()
         return;
     std::vector<int> inherited; // closing while listing could make the listing skip some
     while (const dirent* entry = readdir(listing.get())) {
-        const int descriptor = std::atoi(entry->d_name);
+        const auto descriptor = static_cast<int>(std::strtol(entry->d_name, nullptr, 10)); // 0 for "." and ".."
         const int flags = descriptor > STDERR_FILENO ? fcntl(descriptor, F_GETFD) : -1;
         if (flags >= 0 && (flags & FD_CLOEXEC) == 0)
             inherited.push_back(descriptor);

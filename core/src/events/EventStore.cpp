@@ -158,7 +158,7 @@ DatabaseOutcome CEventStore::WriteOnce(const std::string& path, const CAgentEven
     if (!m_database.IsOpen() || m_path != path || !m_database.IsInPlace()) {
         m_process = getpid();
         m_path = path;
-        const DatabaseOutcome opened = m_database.Open(path);
+        DatabaseOutcome opened = m_database.Open(path);
         if (opened.kind != Kind::Done)
             return opened;
     }

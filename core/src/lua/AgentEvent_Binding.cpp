@@ -63,9 +63,10 @@ wxLogLevel CheckSeverity(lua_State* L)
     const char* const field = "severity";
     const LuaText name = CheckTextField(L, field, {"message", 7});
     const wxLogLevel* level = FindLogLevel(name.View());
-    if (!level)
-        ArgumentError(L, kMethod, 1, lua_pushfstring(L, "field '%s': unknown level '%s'", field, name.bytes));
-    return *level;
+    if (level)
+        return *level;
+    ArgumentError(L, kMethod, 1, lua_pushfstring(L, "field '%s': unknown level '%s'", field, name.bytes));
+    return wxLOG_Message; // not reached
 }
 
 template <typename Attribute, typename Value>

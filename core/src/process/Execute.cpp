@@ -22,7 +22,7 @@
 namespace VelCore {
 namespace {
 
-const std::size_t kKeptOutput = 1024 * 1024;
+const std::size_t kKeptOutput = std::size_t{1024} * 1024;
 
 // How often to look whether the program has ended while somebody else keeps its output open. Without such a helper the
 // end of the output comes at once, and nothing is looked for.
