@@ -527,6 +527,14 @@ def test_start_after_the_watchdog_has_vanished_runs_alone(installation):
 
 # Ways not to end.
 ASLEEP = log("blocks") + "require('posix.unistd').sleep(1000)"
+# A stream that nobody reads from is full, and its last bytes are left for the end of the process.
+WRITING_AT_THE_END = f"""
+    held = io.open('unread', 'r+')
+    held:write(('x'):rep(2^16))
+    held:flush()
+    held:write('one more')
+    {log('blocks')}
+"""
 ENDLESS = {
     "asleep while loading": {"top": ASLEEP},
     "asleep in init": {"init": ASLEEP},
@@ -536,6 +544,7 @@ ENDLESS = {
     "busy, protected": {"shutdown": log("blocks") + "while true do pcall(error) end"},
     "in a program": {"main": log("blocks") + "os.execute('exec sleep 1000')"},
     "reading": {"main": log("blocks") + "io.open('pipe'):read('*a')"},
+    "writing at the end": {"main": WRITING_AT_THE_END + "return 4"},
     "asleep in os.exit": {"main": f"held = setmetatable({{}}, {{__gc = function() {ASLEEP} end}}) os.exit(0, true)"},
     "stopped twice": {"shutdown": ASLEEP},
     "disturbed": {"shutdown": f"while true do {ASLEEP} end"},
@@ -576,7 +585,8 @@ class Stuck:
 def test_worker_without_a_watchdog_that_does_not_end_is_cut_off(installation):
     """All at the same time, because each takes fifteen seconds."""
     installation.work.mkdir(mode=0o700)
-    os.mkfifo(installation.work / "pipe")
+    for fifo in ("pipe", "unread"):
+        os.mkfifo(installation.work / fifo)
     stuck = [Stuck(installation, case, number) for number, case in enumerate(ENDLESS)]
     for each in stuck:
         each.lose_watchdog()
@@ -597,6 +607,19 @@ def test_worker_without_a_watchdog_that_does_not_end_is_cut_off(installation):
     for each in stuck:
         last = each.agent.records()[-1]
         assert (last.pid, last.level) == (each.worker, "Error"), (each.case, last)
+
+
+def test_worker_without_a_watchdog_that_only_writes_yet_ends_at_once(installation):
+    """Behind shutdown the signal is no longer taken in order."""
+    installation.work.mkdir(mode=0o700)
+    os.mkfifo(installation.work / "unread")
+    agent = installation.start_in_background(shutdown=WRITING_AT_THE_END)
+    os.kill(await_waiting(agent), signal.SIGTERM)
+    worker = agent.record("Message: blocks").pid
+
+    os.kill(agent.watchdog, signal.SIGKILL)
+
+    assert agent.status_of(worker) == 0
 
 
 def test_worker_without_a_watchdog_may_take_a_while(installation):

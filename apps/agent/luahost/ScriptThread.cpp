@@ -4,6 +4,7 @@
 
 #include "luahost/ScriptThread.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <future>
 #include <memory>
@@ -57,6 +58,9 @@ int CScriptThread::OnRun()
         CAgentApp::TerminationCleanup();
         std::exit(status);
     }
+    // A stream that nobody reads from blocks its flush. Here the event loop still runs and notices when the watchdog is
+    // lost; `exit`, which would flush next, runs without it.
+    std::fflush(nullptr);
     EndEventLoop(app, status);
     return status;
 }
