@@ -348,7 +348,7 @@ def write_services(installation, numbers, **phases):
         installation.write_service(name=f"{installation.name}_{number}", **phases)
 
 
-@two_shares_of(LONG_LOOP // 8)
+@two_shares_of(LONG_LOOP // 4)
 def test_stop_straight_behind_the_pid_file(installation, numbers):
     write_services(installation, numbers, shutdown="return 5")
 
@@ -360,7 +360,7 @@ def test_stop_straight_behind_the_pid_file(installation, numbers):
     side_by_side(scenario, len(numbers))
 
 
-@two_shares_of(LONG_LOOP // 8)
+@two_shares_of(LONG_LOOP // 2)
 def test_stop_at_a_random_instant(installation, numbers):
     write_services(installation, numbers, shutdown="return 5")
     instants = random.Random(numbers.start)
@@ -373,7 +373,7 @@ def test_stop_at_a_random_instant(installation, numbers):
     side_by_side(scenario, len(numbers))
 
 
-@two_shares_of(LONG_LOOP // 16)
+@two_shares_of(LONG_LOOP // 8)
 def test_two_stops_at_random_instants(installation, numbers):
     write_services(installation, numbers)
     instants = random.Random(numbers.start)
@@ -384,7 +384,7 @@ def test_two_stops_at_random_instants(installation, numbers):
     side_by_side(scenario, len(numbers))
 
 
-@two_shares_of(LONG_LOOP // 16)
+@two_shares_of(LONG_LOOP // 8)
 def test_stop_at_a_random_instant_of_a_worker_that_dies(installation, numbers):
     """Around its death, too, a stop is the end: at most one more worker was under way."""
     write_services(installation, numbers, init=die(signal.SIGKILL))
