@@ -370,7 +370,7 @@ def test_descriptor_of_the_caller_is_let_go(installation, how):
 
     agent.wait_for(lambda: at_its_end(reader), "the end of the pipe, which the agent does not need")
 
-    assert len(agent.processes()) == 2
+    await_alone(agent)
     os.close(reader)
 
 

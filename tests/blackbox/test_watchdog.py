@@ -172,7 +172,7 @@ def test_worker_killed_by_sigterm_ends_the_agent(installation):
 
 @pytest.mark.skipif(Path("/proc/sys/kernel/core_pattern").read_text().startswith("|"), reason="core dumps go to a program")
 def test_core_dump_shows_in_the_status(installation):
-    agent = installation.start_in_background(core_size=-1, env=sanitizer_options(*UNHANDLED))
+    agent = installation.start_in_background(core_size=-1, env=sanitizer_options(*UNHANDLED, "disable_coredump=0"))
 
     os.kill(agent.worker_in("main"), signal.SIGSEGV)
 
@@ -517,6 +517,7 @@ def test_driver_stop_that_leaves_a_helper(installation, without_delays, helper):
 
     agent.record(STOPPED, timeout_s=10)
     assert between_workers(agent) == [ASKED, STOPPED]
+    agent.watchdog_in_pid_file()  # the helper is an orphan, too
     agent.terminate()
     assert agent.status_of(agent.watchdog) == 5
 
