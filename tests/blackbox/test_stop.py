@@ -53,7 +53,7 @@ def test_pid_file_goes_when_the_stop_begins(installation):
     assert agent.worker_in("shutdown") == worker
     assert not agent.pid_file.exists()
 
-    assert set(agent.processes()) == {agent.watchdog, worker}
+    agent.wait_for(lambda: set(agent.processes()) == {agent.watchdog, worker}, "watchdog and worker alone")
     gate.touch()
     assert agent.end() == 5
 
