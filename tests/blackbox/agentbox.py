@@ -129,7 +129,7 @@ def stock_lua(script, *words, cwd=None):
 
 def sanitizer_options(*more):
     """An environment in which these options are added to those of a sanitizer build; no other build reads them."""
-    return {"ASAN_OPTIONS": ":".join([os.environ.get("ASAN_OPTIONS", ""), *more])}
+    return {name: ":".join([os.environ.get(name, ""), *more]) for name in ("ASAN_OPTIONS", "TSAN_OPTIONS")}
 
 
 # Wrappers: what `run` and `run_raw` put in front of the command line.

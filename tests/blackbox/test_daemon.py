@@ -108,6 +108,7 @@ def test_only_the_watchdog_and_one_worker_stay(installation):
     assert (between.pid, between.session, between.status) == (watchdog.session, watchdog.session, 0)
 
 
+@pytest.mark.without_tsan
 def test_watchdog_has_one_thread_and_the_worker_two(installation):
     agent = installation.start_in_background()
     worker = agent.worker_in("main")

@@ -39,7 +39,7 @@ def test_stop_runs_shutdown_and_keeps_its_status(installation):
     of_worker = [f"{r.level}: {r.text}" for r in agent.records() if r.pid == worker]
     of_watchdog = [f"{r.level}: {r.text}" for r in agent.records() if r.pid == agent.watchdog]
     assert of_worker == ["Message: init", "Message: main", CAUGHT, "Message: shutdown"]
-    assert set(of_watchdog[:-1]) == {INTERRUPTED}
+    assert set(of_watchdog[:-1]) <= {INTERRUPTED}
     assert of_watchdog[-1] == agent.lines()[-1] == "Verbose: Child process exited with status 1280 (exit 5)"
     assert not agent.pid_file.exists()
 
@@ -609,6 +609,7 @@ def test_worker_without_a_watchdog_that_does_not_end_is_cut_off(installation):
         assert (last.pid, last.level) == (each.worker, "Error"), (each.case, last)
 
 
+@pytest.mark.without_tsan
 def test_worker_without_a_watchdog_that_only_writes_yet_ends_at_once(installation):
     """Behind shutdown the signal is no longer taken in order."""
     installation.work.mkdir(mode=0o700)

@@ -638,6 +638,7 @@ def switches(pid):
     return [status_of(pid, thread)["voluntary_ctxt_switches"] for thread in threads(pid)]
 
 
+@pytest.mark.without_tsan
 def test_agent_that_waits_does_nothing(installation):
     """For as long as another one waits for its restart."""
     agent = installation.start_in_background(name=installation.name + "_idle")
