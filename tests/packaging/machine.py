@@ -4,8 +4,10 @@ The system's files are a copy of a tree that debootstrap makes once per build fo
 process ids, control groups and a host name of their own; they end with the test.
 """
 
+import hashlib
 import os
 import platform
+import re
 import shutil
 import subprocess
 import tempfile
@@ -14,18 +16,6 @@ from pathlib import Path
 from agentbox import BUILD, DEADLINE_S, await_condition
 
 PROJECT = Path(__file__).resolve().parents[2]
-
-# What an installation needs beside the agent's own files. After a change here remove the folder that base_tree() made.
-PACKAGES = (
-    "libdeflate0",
-    "liblua5.2-0",
-    "libsqlite3-0",
-    "libssl3",
-    "libwxbase3.2-1",
-    "lua-luaossl",
-    "lua-posix",
-    "systemd",
-)
 
 NAMESPACES = ("unshare", "--pid", "--fork", "--mount", "--cgroup", "--uts", "--ipc")
 
@@ -50,21 +40,29 @@ def _own_control_group():
     return None
 
 
+def _packages():
+    """What an installation needs beside the agent's own files, by the page for operators."""
+    page = (PROJECT / "docs" / "SERVICE.md").read_text()
+    program, application = re.search(r"On Debian 12 the program needs `(.+?)`, and the sample application\s`(.+?)`", page).groups()
+    return [*program.split(), *application.split(), "systemd"]
+
+
 def base_tree():
-    """The folder with the freshly installed system; made at the first call for this build folder."""
-    tree = BUILD / "packaging" / "system"
+    """The folder with the freshly installed system; made at the first call for this build folder and these packages."""
+    packages = ",".join(_packages())
+    tree = BUILD / "packaging" / hashlib.sha256(packages.encode()).hexdigest()[:16]
     if not tree.exists():
         unfinished = tree.with_name("unfinished")
         shutil.rmtree(unfinished, ignore_errors=True)
         unfinished.mkdir(parents=True)
-        _debootstrap(unfinished)
+        _debootstrap(unfinished, packages)
         unfinished.rename(tree)
     return tree
 
 
-def _debootstrap(folder):
+def _debootstrap(folder, packages):
     suite = platform.freedesktop_os_release()["VERSION_CODENAME"]
-    include = "--include=" + ",".join(PACKAGES)
+    include = "--include=" + packages
     log = folder.with_name("debootstrap.log")
     with log.open("wb") as output:
         done = subprocess.run(
