@@ -3,6 +3,7 @@
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(OpenSSL 3.0 REQUIRED)
+find_package(ZLIB REQUIRED)
 
 # Only the base library: the agent has no user interface.
 find_package(wxWidgets 3.2 REQUIRED COMPONENTS base)

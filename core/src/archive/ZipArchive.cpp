@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <system_error>
 #include <utility>
 
 #include <fcntl.h>
@@ -16,16 +15,9 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "process/Descriptors.h"
+
 namespace VelCore {
-
-namespace {
-
-std::string DescribeError(const char* what, int errorNumber)
-{
-    return std::string(what) + ": " + std::generic_category().message(errorNumber);
-}
-
-} // namespace
 
 /// An open file; owns its descriptor. A small file is read at once and its descriptor given back: descriptors are
 /// scarcer than memory, and an installation may have many small archives.

@@ -495,19 +495,6 @@ bool ReadLocalHeader(const ByteSource& source, const ZipEntry& entry, std::uint6
     return CheckLocalHeader(entry, piece.Bytes(), headerLength, reason);
 }
 
-bool CheckReadable(const ZipEntry& entry, std::string& reason)
-{
-    if (entry.IsEncrypted())
-        return Fail(reason, "the entry is encrypted");
-    if (entry.method != kStored && entry.method != kDeflated)
-        return Fail(reason, "unsupported compression method " + std::to_string(entry.method));
-    if (entry.method == kStored && entry.compressedSize != entry.size)
-        return Fail(reason, "the entry is stored, but its two sizes differ");
-    if (entry.method == kDeflated && entry.size / kMaxDeflateRatio > entry.compressedSize)
-        return Fail(reason, "the declared size is impossible for the compressed size");
-    return true;
-}
-
 bool Resize(std::string& content, std::uint64_t size, std::string& reason)
 {
     if (size > std::numeric_limits<std::size_t>::max())
@@ -587,6 +574,11 @@ bool ZipEntry::IsEncrypted() const
     return (flags & kEncryptionFlags) != 0;
 }
 
+bool ZipEntry::IsDeflated() const
+{
+    return method == kDeflated;
+}
+
 std::optional<unsigned> ZipEntry::UnixMode() const
 {
     const unsigned kUnix = 3;
@@ -605,6 +597,19 @@ bool ReadZipDirectory(const ByteSource& source, std::vector<ZipEntry>& entries, 
         return true;
     entries.clear();
     return false;
+}
+
+bool CheckReadable(const ZipEntry& entry, std::string& reason)
+{
+    if (entry.IsEncrypted())
+        return Fail(reason, "the entry is encrypted");
+    if (entry.method != kStored && entry.method != kDeflated)
+        return Fail(reason, "unsupported compression method " + std::to_string(entry.method));
+    if (entry.method == kStored && entry.compressedSize != entry.size)
+        return Fail(reason, "the entry is stored, but its two sizes differ");
+    if (entry.method == kDeflated && entry.size / kMaxDeflateRatio > entry.compressedSize)
+        return Fail(reason, "the declared size is impossible for the compressed size");
+    return true;
 }
 
 bool LocateData(const ByteSource& source, const ZipEntry& entry, std::uint64_t& dataOffset, std::string& reason)

@@ -50,6 +50,9 @@ struct ZipEntry
     /// True when the data is encrypted, which no function here reads.
     bool IsEncrypted() const;
 
+    /// True when the data is a raw deflate stream.
+    bool IsDeflated() const;
+
     /// Type and permission bits (st_mode) when the archive was made on Unix and carries any; the type may be 0.
     std::optional<unsigned> UnixMode() const;
 };
@@ -64,6 +67,12 @@ struct ZipEntry
 /// Cost:      linear in the size of the directory but for one sort; memory a small multiple of what was really read.
 /// Source:    PKWARE APPNOTE.TXT 6.3.10, sections 4.3 to 4.5.
 bool ReadZipDirectory(const ByteSource& source, std::vector<ZipEntry>& entries, std::string& reason);
+
+/// Tells whether the data of an entry can be read at all: it is not encrypted, its method is known, and its two sizes
+/// are possible together.
+///
+/// Errors: false, and one line of English in `reason`, without the entry's name.
+bool CheckReadable(const ZipEntry& entry, std::string& reason);
 
 /// Compares the entry's local header with the directory and says where the data begins.
 ///

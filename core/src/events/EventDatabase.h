@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "events/FileIdentity.h"
+#include "process/FileIdentity.h"
 
 struct sqlite3;
 struct sqlite3_stmt;

@@ -1,15 +1,32 @@
-// Whole writes and whole paths.
+// Descriptors with an owner, whole writes and whole paths.
 //
 // Tested by: unit/core/process/DescriptorsTest.cpp.
 
 #include "process/Descriptors.h"
 
 #include <cerrno>
+#include <system_error>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace VelCore {
+
+bool CDescriptor::Close()
+{
+    const int descriptor = Release();
+    return descriptor < 0 || close(descriptor) == 0;
+}
+
+CDescriptor OpenAt(int folder, const char* name, int flags, mode_t mode)
+{
+    int descriptor = -1;
+    do {
+        descriptor = openat(folder, name, flags | O_CLOEXEC | O_NOCTTY, mode);
+    } while (descriptor < 0 && errno == EINTR);
+    return CDescriptor(descriptor);
+}
 
 std::size_t WriteAll(int descriptor, std::string_view bytes)
 {
@@ -47,6 +64,11 @@ bool MakeFolders(const std::string& path, mode_t mode)
         return false;
     errno = ENOTDIR;
     return S_ISDIR(status.st_mode);
+}
+
+std::string DescribeError(const std::string& what, int errorNumber)
+{
+    return what + ": " + std::generic_category().message(errorNumber);
 }
 
 } // namespace VelCore

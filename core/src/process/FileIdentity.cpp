@@ -1,4 +1,4 @@
-#include "events/FileIdentity.h"
+#include "process/FileIdentity.h"
 
 #include <sys/stat.h>
 

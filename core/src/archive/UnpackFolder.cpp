@@ -1,0 +1,205 @@
+// Where entries go. Only names that were vetted come here (EntryPath), so that one part of a name is one step.
+//
+// Tested by: unit/core/archive/UnpackFolderTest.cpp.
+
+#include "archive/UnpackFolder.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "archive/SyncFileSystem.h"
+#include "archive/ZipFormat.h"
+
+namespace VelCore {
+
+namespace {
+
+const mode_t kMissingFolder = 0755;
+const mode_t kOwnersUse = 0700; // what this program, when it is not root, needs to write into a folder
+
+const int kFolderFlags = O_RDONLY | O_DIRECTORY;
+
+// Only makes names: those that are taken are passed over, so that it need not be a good one.
+std::uint64_t RandomNumber()
+{
+    std::uint64_t number = 0;
+    if (getentropy(&number, sizeof number) != 0)
+        number = static_cast<std::uint64_t>(getpid()) << 32;
+    return number;
+}
+
+} // namespace
+
+CUnpackFolder::CUnpackFolder(std::string destination)
+    : m_destination(std::move(destination)), m_fileNumber(RandomNumber())
+{
+}
+
+bool CUnpackFolder::MakeFolder(const EntryPath& path, mode_t permissions, std::string& reason)
+{
+    const std::string folder = path.Whole();
+    if (!Enter(folder, reason))
+        return false;
+    if (m_made.count(m_currentIdentity) == 0)
+        return true;
+
+    m_waitingPermissions.erase(folder);
+    if ((permissions & kOwnersUse) != kOwnersUse)
+        m_waitingPermissions.emplace(folder, permissions);
+    if (fchmod(m_current.Get(), permissions | kOwnersUse) == 0)
+        return true;
+    reason = DescribeError("cannot set the permissions of the folder", errno);
+    return false;
+}
+
+std::optional<CNewFile> CUnpackFolder::StartFile(const EntryPath& path, std::string& reason)
+{
+    if (!Enter(path.folder, reason))
+        return std::nullopt;
+    if (m_clean.insert(m_currentIdentity).second)
+        RemoveLeftovers(m_current.Get());
+    return CNewFile::Create(m_current.Get(), m_fileNumber, reason);
+}
+
+bool CUnpackFolder::Finish(std::string& reason)
+{
+    if (!m_top.IsOpen())
+        return true;
+    if (!SetWaitingPermissions(reason) || !Leave(reason))
+        return false;
+    for (const auto& fileSystem : m_fileSystems) {
+        if (!SyncFileSystem(fileSystem.second.Get())) {
+            reason = DescribeError("cannot bring the files to the disk", errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+// Makes a folder the current one, and makes it if need be.
+bool CUnpackFolder::Enter(const std::string& folder, std::string& reason)
+{
+    if (m_current.IsOpen() && folder == m_currentName)
+        return true;
+    if (!m_top.IsOpen() && !OpenDestination(reason))
+        return false;
+
+    if (!Leave(reason))
+        return false;
+    m_current = OpenAt(m_top.Get(), ".", kFolderFlags);
+    m_currentName.clear();
+    if (!m_current.IsOpen()) {
+        reason = DescribeError("cannot open the destination", errno);
+        return false;
+    }
+    for (std::size_t begin = 0; begin < folder.size();) {
+        const std::size_t end = std::min(folder.find('/', begin), folder.size());
+        if (!Descend(folder.substr(begin, end - begin), reason)) {
+            m_current.Close();
+            return false;
+        }
+        begin = end + 1;
+    }
+    m_currentName = folder;
+    return Arrive(reason);
+}
+
+bool CUnpackFolder::OpenDestination(std::string& reason)
+{
+    const char* const name = m_destination.c_str();
+    m_top = OpenAt(AT_FDCWD, name, kFolderFlags);
+    if (m_top.IsOpen())
+        return true;
+    if (errno == ENOENT && MakeFolders(m_destination, kMissingFolder)) {
+        m_top = OpenAt(AT_FDCWD, name, kFolderFlags);
+        if (m_top.IsOpen()) {
+            m_made.insert(IdentifyDescriptor(m_top.Get()));
+            return true;
+        }
+    }
+    reason = DescribeError("cannot open the destination", errno);
+    return false;
+}
+
+// One step down from the current folder.
+bool CUnpackFolder::Descend(const std::string& part, std::string& reason)
+{
+    CDescriptor next = OpenAt(m_current.Get(), part.c_str(), kFolderFlags | O_NOFOLLOW);
+    if (!next.IsOpen() && errno == ENOENT)
+        return MakeMissing(part, reason);
+    if (next.IsOpen()) {
+        m_current = std::move(next);
+        return true;
+    }
+    if (errno == ENOTDIR || errno == ELOOP)
+        reason = "'" + PrintableName(part) + "' is there and is not a folder";
+    else
+        reason = DescribeError("cannot open the folder '" + PrintableName(part) + "'", errno);
+    return false;
+}
+
+// One step down into a folder that is made first.
+bool CUnpackFolder::MakeMissing(const std::string& part, std::string& reason)
+{
+    CDescriptor next;
+    if (mkdirat(m_current.Get(), part.c_str(), kOwnersUse) == 0)
+        next = OpenAt(m_current.Get(), part.c_str(), kFolderFlags | O_NOFOLLOW);
+    if (!next.IsOpen() || fchmod(next.Get(), kMissingFolder) != 0 || !SyncWritten(m_current.Get())) {
+        reason = DescribeError("cannot make the folder '" + PrintableName(part) + "'", errno);
+        return false;
+    }
+    const FileIdentity made = IdentifyDescriptor(next.Get());
+    m_made.insert(made);
+    m_clean.insert(made);
+    m_current = std::move(next);
+    return true;
+}
+
+// What was written into the current folder stays there.
+bool CUnpackFolder::Leave(std::string& reason)
+{
+    if (!m_current.IsOpen() || SyncWritten(m_current.Get()))
+        return true;
+    reason = DescribeError("cannot bring the folder to the disk", errno);
+    return false;
+}
+
+// Notes what the current folder is and which file system it is on.
+bool CUnpackFolder::Arrive(std::string& reason)
+{
+    m_currentIdentity = IdentifyDescriptor(m_current.Get());
+    const dev_t device = m_currentIdentity.first;
+    if (std::any_of(m_fileSystems.begin(), m_fileSystems.end(),
+                    [device](const auto& known) { return known.first == device; }))
+        return true;
+    CDescriptor folder = OpenAt(m_current.Get(), ".", kFolderFlags);
+    if (!folder.IsOpen()) {
+        reason = DescribeError("cannot open the folder", errno);
+        return false;
+    }
+    m_fileSystems.emplace_back(device, std::move(folder));
+    return true;
+}
+
+bool CUnpackFolder::SetWaitingPermissions(std::string& reason)
+{
+    // From below: a folder that is closed to its owner hides what is in it.
+    for (auto waiting = m_waitingPermissions.rbegin(); waiting != m_waitingPermissions.rend(); ++waiting) {
+        if (!Enter(waiting->first, reason))
+            return false;
+        if (fchmod(m_current.Get(), waiting->second) != 0) {
+            reason = DescribeError("cannot set the permissions of '" + PrintableName(waiting->first) + "'", errno);
+            return false;
+        }
+    }
+    m_waitingPermissions.clear();
+    return true;
+}
+
+} // namespace VelCore
