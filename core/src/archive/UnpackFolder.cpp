@@ -67,6 +67,15 @@ std::optional<CNewFile> CUnpackFolder::StartFile(const EntryPath& path, std::str
     return CNewFile::Create(m_current.Get(), m_fileNumber, reason);
 }
 
+void CUnpackFolder::TakeBack()
+{
+    m_current.Close();
+    // A folder that somebody else has put something into stays.
+    for (auto made = m_madeLast.rbegin(); made != m_madeLast.rend(); ++made)
+        unlinkat(m_top.Get(), made->c_str(), AT_REMOVEDIR);
+    m_madeLast.clear();
+}
+
 bool CUnpackFolder::Finish(std::string& reason)
 {
     if (!m_top.IsOpen())
@@ -85,13 +94,19 @@ bool CUnpackFolder::Finish(std::string& reason)
 // Makes a folder the current one, and makes it if need be.
 bool CUnpackFolder::Enter(const std::string& folder, std::string& reason)
 {
+    m_madeLast.clear();
     if (m_current.IsOpen() && folder == m_currentName)
         return true;
-    if (!m_top.IsOpen() && !OpenDestination(reason))
+    if ((!m_top.IsOpen() && !OpenDestination(reason)) || !Leave(reason))
         return false;
+    if (Walk(folder, reason) && Arrive(reason))
+        return true;
+    TakeBack();
+    return false;
+}
 
-    if (!Leave(reason))
-        return false;
+bool CUnpackFolder::Walk(const std::string& folder, std::string& reason)
+{
     m_current = OpenAt(m_top.Get(), ".", kFolderFlags);
     m_currentName.clear();
     if (!m_current.IsOpen()) {
@@ -100,14 +115,13 @@ bool CUnpackFolder::Enter(const std::string& folder, std::string& reason)
     }
     for (std::size_t begin = 0; begin < folder.size();) {
         const std::size_t end = std::min(folder.find('/', begin), folder.size());
-        if (!Descend(folder.substr(begin, end - begin), reason)) {
-            m_current.Close();
+        const std::string part = folder.substr(begin, end - begin);
+        if (!Descend(part, reason))
             return false;
-        }
+        m_currentName = InCurrent(part);
         begin = end + 1;
     }
-    m_currentName = folder;
-    return Arrive(reason);
+    return true;
 }
 
 bool CUnpackFolder::OpenDestination(std::string& reason)
@@ -148,8 +162,10 @@ bool CUnpackFolder::Descend(const std::string& part, std::string& reason)
 bool CUnpackFolder::MakeMissing(const std::string& part, std::string& reason)
 {
     CDescriptor next;
-    if (mkdirat(m_current.Get(), part.c_str(), kOwnersUse) == 0)
+    if (mkdirat(m_current.Get(), part.c_str(), kOwnersUse) == 0) {
+        m_madeLast.push_back(InCurrent(part));
         next = OpenAt(m_current.Get(), part.c_str(), kFolderFlags | O_NOFOLLOW);
+    }
     if (!next.IsOpen() || fchmod(next.Get(), kMissingFolder) != 0 || !SyncWritten(m_current.Get())) {
         reason = DescribeError("cannot make the folder '" + PrintableName(part) + "'", errno);
         return false;
@@ -159,6 +175,11 @@ bool CUnpackFolder::MakeMissing(const std::string& part, std::string& reason)
     m_clean.insert(made);
     m_current = std::move(next);
     return true;
+}
+
+std::string CUnpackFolder::InCurrent(const std::string& part) const
+{
+    return m_currentName.empty() ? part : m_currentName + '/' + part;
 }
 
 // What was written into the current folder stays there.

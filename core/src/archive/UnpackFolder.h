@@ -42,6 +42,10 @@ public:
     /// Errors:    nothing, and one line of English in `reason`.
     std::optional<CNewFile> StartFile(const EntryPath& path, std::string& reason);
 
+    /// Removes the folders that were made for the file that was started last and could not be written. Only
+    /// Finish may follow.
+    void TakeBack();
+
     /// Sets the permissions that had to wait, and waits until everything is on the disk. Does nothing when nothing
     /// was written.
     ///
@@ -50,9 +54,11 @@ public:
 
 private:
     bool Enter(const std::string& folder, std::string& reason);
+    bool Walk(const std::string& folder, std::string& reason);
     bool OpenDestination(std::string& reason);
     bool Descend(const std::string& part, std::string& reason);
     bool MakeMissing(const std::string& part, std::string& reason);
+    std::string InCurrent(const std::string& part) const;
     bool Leave(std::string& reason);
     bool Arrive(std::string& reason);
     bool SetWaitingPermissions(std::string& reason);
@@ -60,12 +66,13 @@ private:
     std::string m_destination;
     std::uint64_t m_fileNumber; // for temporary names
 
-    CDescriptor m_top;     // the destination
-    CDescriptor m_current; // the folder that was entered last; entries of one folder mostly stand together
-    std::string m_currentName;
+    CDescriptor m_top;         // the destination
+    CDescriptor m_current;     // the folder that was entered last; entries of one folder mostly stand together
+    std::string m_currentName; // below the destination
     FileIdentity m_currentIdentity;
 
     std::set<FileIdentity> m_made;                            // folders made by this object
+    std::vector<std::string> m_madeLast;                      // those made on the last way
     std::set<FileIdentity> m_clean;                           // folders without leftovers
     std::map<std::string, mode_t> m_waitingPermissions;       // by folder
     std::vector<std::pair<dev_t, CDescriptor>> m_fileSystems; // written to; any folder on each

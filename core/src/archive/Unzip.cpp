@@ -101,6 +101,7 @@ private:
     bool Unpack(const ZipEntry& entry, const EntryPath& path);
     bool UnpackFolder(const ZipEntry& entry, const EntryPath& path, std::string& reason);
     bool UnpackFile(const ZipEntry& entry, const EntryPath& path, std::string& reason);
+    bool WriteFile(const ZipEntry& entry, const EntryPath& path, std::string& reason);
     bool WritePieces(const ZipEntry& entry, CNewFile& file, std::string& reason) const;
 
     const std::shared_ptr<const CZipArchive> m_archive;
@@ -178,15 +179,24 @@ bool CUnpacking::UnpackFolder(const ZipEntry& entry, const EntryPath& path, std:
            m_folder.MakeFolder(path, PermissionsOf(entry), reason);
 }
 
-// The content of a small entry comes first: when it is damaged, not even a folder is made for it.
+// The content of a small entry comes first: when it is damaged, nothing has to be undone.
 bool CUnpacking::UnpackFile(const ZipEntry& entry, const EntryPath& path, std::string& reason)
 {
-    const bool isSmall = entry.size <= kWhole;
-    if (isSmall && !m_archive->Read(entry, m_content, reason))
+    if (entry.size <= kWhole && !m_archive->Read(entry, m_content, reason))
         return false;
+    if (WriteFile(entry, path, reason))
+        return true;
+    m_folder.TakeBack();
+    return false;
+}
+
+bool CUnpacking::WriteFile(const ZipEntry& entry, const EntryPath& path, std::string& reason)
+{
     auto file = m_folder.StartFile(path, reason);
-    return file && (isSmall ? file->Write(m_content, reason) : WritePieces(entry, *file, reason)) &&
-           file->PutInPlace(path.name, PermissionsOf(entry), reason);
+    if (!file)
+        return false;
+    const bool isWritten = entry.size <= kWhole ? file->Write(m_content, reason) : WritePieces(entry, *file, reason);
+    return isWritten && file->PutInPlace(path.name, PermissionsOf(entry), reason);
 }
 
 bool CUnpacking::WritePieces(const ZipEntry& entry, CNewFile& file, std::string& reason) const

@@ -138,8 +138,8 @@ struct Calls
     static bool Take(void* context, const wxZipEntry* entry, const wxString* target)
     {
         auto& self = *static_cast<Calls*>(context);
-        self.calls.push_back({ToUtf8(entry->GetInternalName()), ToUtf8(*target), entry->GetSize(), entry->IsDir(),
-                              entry->GetMode()});
+        self.calls.push_back(
+            {ToUtf8(entry->GetInternalName()), ToUtf8(*target), entry->GetSize(), entry->IsDir(), entry->GetMode()});
         return self.wants(self.calls.back());
     }
 
@@ -163,7 +163,8 @@ protected:
     bool UnpackBytes(const std::string& bytes)
     {
         const std::string archive = m_box.Write("a.zip", bytes);
-        return VelCore::Unzip(wxFileName(FromUtf8(archive)), wxFileName::DirName(FromUtf8(m_out)), Calls::Take, &m_calls);
+        return VelCore::Unzip(wxFileName(FromUtf8(archive)), wxFileName::DirName(FromUtf8(m_out)), Calls::Take,
+                              &m_calls);
     }
 
     std::string Out(const std::string& name) const { return m_out + "/" + name; }
@@ -181,7 +182,8 @@ protected:
     Calls m_calls;
 };
 
-// ---- the walk --------------------------------------------------------------------------------------------------------
+// ---- the walk
+// --------------------------------------------------------------------------------------------------------
 
 TEST_F(Unzip, WritesFilesAndFoldersAndMissingFoldersOnTheWay)
 {
@@ -274,10 +276,12 @@ TEST_F(Unzip, ReportsAMissingArchive)
 
     EXPECT_FALSE(VelCore::Unzip(archive, wxFileName::DirName(FromUtf8(m_out)), Calls::Take, &m_calls));
 
-    EXPECT_EQ("Archive '" + m_box / "none.zip" + "' cannot be unpacked: cannot open: No such file or directory", Error());
+    EXPECT_EQ("Archive '" + m_box / "none.zip" + "' cannot be unpacked: cannot open: No such file or directory",
+              Error());
 }
 
-// ---- a walk that removes ---------------------------------------------------------------------------------------------
+// ---- a walk that removes
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(Unzip, DoesNotLookAtTheDataOfEntriesThatAreNotWanted)
 {
@@ -336,17 +340,15 @@ TEST_F(Unzip, RefusesAMarkerWhoseWayLeadsThroughALink)
     EXPECT_TRUE(Exists(m_box / "elsewhere/precious"));
 }
 
-// ---- archives that are refused ---------------------------------------------------------------------------------------
+// ---- archives that are refused
+// ---------------------------------------------------------------------------------------
 
 TEST_F(Unzip, RefusesNamesThatLeadElsewhereBeforeTheFirstCall)
 {
     const std::pair<const char*, const char*> cases[] = {
-        {"/etc/passwd", "the name is absolute"},
-        {"../a", "the name contains '..'"},
-        {"a/../b", "the name contains '..'"},
-        {"a/..", "the name contains '..'"},
-        {"a\\b", "the name contains a backslash"},
-        {"C:/a", "the name begins with a drive letter"},
+        {"/etc/passwd", "the name is absolute"},   {"../a", "the name contains '..'"},
+        {"a/../b", "the name contains '..'"},      {"a/..", "the name contains '..'"},
+        {"a\\b", "the name contains a backslash"}, {"C:/a", "the name begins with a drive letter"},
     };
     for (const auto& [name, reason] : cases) {
         SCOPED_TRACE(name);
@@ -366,7 +368,8 @@ TEST_F(Unzip, RefusesLinksOnTheWayBeforeTheFirstCall)
     fs::create_symlink(m_box.Path(), Out("outside"));
     fs::create_symlink(Out("real"), Out("inside"));
     fs::create_symlink("nowhere", Out("real/dangling"));
-    for (const char* name : {"outside/a", "inside/a", "real/dangling/a", "real/dangling/b/c", "inside/", "real/dangling/"}) {
+    for (const char* name :
+         {"outside/a", "inside/a", "real/dangling/a", "real/dangling/b/c", "inside/", "real/dangling/"}) {
         SCOPED_TRACE(name);
         VelTest::CLogCapture log;
         EXPECT_FALSE(Unpack({File("good", "1"), name[strlen(name) - 1] == '/' ? Folder(name) : File(name, "2")}));
@@ -399,7 +402,8 @@ TEST_F(Unzip, FollowsLinksInThePathOfTheDestination)
     EXPECT_EQ((Strings{m_box / "link/a/b"}), m_calls.Targets());
 }
 
-// ---- what stands in the way ------------------------------------------------------------------------------------------
+// ---- what stands in the way
+// ------------------------------------------------------------------------------------------
 
 TEST_F(Unzip, ReplacesALinkByTheFile)
 {
@@ -505,7 +509,8 @@ TEST_F(Unzip, ReportsADestinationThatIsAFile)
     EXPECT_EQ("Archive '" + m_box / "a.zip" + "' cannot be unpacked: cannot open the folder: Not a directory", Error());
 }
 
-// ---- entries that are not created ------------------------------------------------------------------------------------
+// ---- entries that are not created
+// ------------------------------------------------------------------------------------
 
 TEST_F(Unzip, LeavesOutSpecialEntriesWithAWarning)
 {
@@ -540,7 +545,8 @@ TEST_F(Unzip, LeavesALinkOnTheDiskAloneWhenTheEntryIsALinkToo)
     EXPECT_EQ("target", fs::read_symlink(Out("link")));
 }
 
-// ---- duplicates ------------------------------------------------------------------------------------------------------
+// ---- duplicates
+// ------------------------------------------------------------------------------------------------------
 
 TEST_F(Unzip, KeepsTheLastOfDuplicates)
 {
@@ -553,7 +559,8 @@ TEST_F(Unzip, KeepsTheLastOfDuplicates)
     EXPECT_EQ((Strings{Out("a"), Out("b"), Out("a"), Out("a")}), m_calls.Targets());
 }
 
-// ---- damage ----------------------------------------------------------------------------------------------------------
+// ---- damage
+// ----------------------------------------------------------------------------------------------------------
 
 TEST_F(Unzip, StopsAtTheFirstDamagedEntryWhichLeavesNothing)
 {
@@ -620,9 +627,9 @@ TEST_F(Unzip, RefusesToUnpackWhatItCannotRead)
         VelTest::CLogCapture log;
         EXPECT_FALSE(Unpack({item}));
         EXPECT_TRUE(Tree(m_out).empty());
-        EXPECT_EQ((Strings{"Archive '" + m_box / "a.zip" + "' cannot be unpacked: entry '" + item.name +
-                           "': " + reason}),
-                  log.Texts(wxLOG_Error));
+        EXPECT_EQ(
+            (Strings{"Archive '" + m_box / "a.zip" + "' cannot be unpacked: entry '" + item.name + "': " + reason}),
+            log.Texts(wxLOG_Error));
     }
 }
 
@@ -634,12 +641,12 @@ TEST_F(Unzip, StopsAtTheDeclaredSizeOfABomb)
     EXPECT_FALSE(Unpack({bomb}));
 
     EXPECT_TRUE(Tree(m_out).empty());
-    EXPECT_EQ("Archive '" + m_box / "a.zip" +
-                  "' cannot be unpacked: entry 'bomb': the content is longer than declared",
+    EXPECT_EQ("Archive '" + m_box / "a.zip" + "' cannot be unpacked: entry 'bomb': the content is longer than declared",
               Error());
 }
 
-// ---- every form of data ----------------------------------------------------------------------------------------------
+// ---- every form of data
+// ----------------------------------------------------------------------------------------------
 
 TEST_F(Unzip, ReadsEveryFormOfData)
 {
