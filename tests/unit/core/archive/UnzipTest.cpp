@@ -5,18 +5,14 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <memory>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -372,7 +368,7 @@ TEST_F(Unzip, RefusesLinksOnTheWayBeforeTheFirstCall)
          {"outside/a", "inside/a", "real/dangling/a", "real/dangling/b/c", "inside/", "real/dangling/"}) {
         SCOPED_TRACE(name);
         VelTest::CLogCapture log;
-        EXPECT_FALSE(Unpack({File("good", "1"), name[strlen(name) - 1] == '/' ? Folder(name) : File(name, "2")}));
+        EXPECT_FALSE(Unpack({File("good", "1"), name[std::strlen(name) - 1] == '/' ? Folder(name) : File(name, "2")}));
         EXPECT_TRUE(m_calls.calls.empty());
         EXPECT_FALSE(Exists(Out("good")));
         ASSERT_EQ(1u, log.Texts(wxLOG_Error).size());
@@ -664,6 +660,359 @@ TEST_F(Unzip, ReadsEveryFormOfData)
             }
         }
     }
+}
+
+// ---- permissions
+// -----------------------------------------------------------------------------------------------------
+
+// The umask of a test, and the one before it again.
+class CUmask
+{
+public:
+    explicit CUmask(mode_t mask) : m_before(umask(mask)) {}
+    ~CUmask() { umask(m_before); }
+    CUmask(const CUmask&) = delete;
+    CUmask& operator=(const CUmask&) = delete;
+
+private:
+    mode_t m_before;
+};
+
+TEST_F(Unzip, KeepsThePermissionsOfEntriesWhateverTheUmask)
+{
+    for (const mode_t mask : {mode_t(077), mode_t(022), mode_t(0)}) {
+        const CUmask umask(mask);
+        const std::string folder = "with_umask_" + std::to_string(mask) + "/";
+        EXPECT_TRUE(Unpack({Folder(folder, 0775), WithMode(File(folder + "open", ""), kFile | 0666),
+                            WithMode(File(folder + "program", ""), kFile | 0755),
+                            WithMode(File(folder + "secret", ""), kFile | 0400),
+                            WithMode(File(folder + "none", ""), kFile), File(folder + "unset/file", "")}));
+
+        EXPECT_EQ(0775u, ModeOf(Out(folder)));
+        EXPECT_EQ(0666u, ModeOf(Out(folder + "open")));
+        EXPECT_EQ(0755u, ModeOf(Out(folder + "program")));
+        EXPECT_EQ(0400u, ModeOf(Out(folder + "secret")));
+        EXPECT_EQ(0u, ModeOf(Out(folder + "none")));
+        EXPECT_EQ(0755u, ModeOf(Out(folder + "unset")));
+        EXPECT_EQ(0644u, ModeOf(Out(folder + "unset/file")));
+    }
+}
+
+TEST_F(Unzip, GivesTheUsualPermissionsWhenTheArchiveCarriesNone)
+{
+    const CUmask umask(077);
+    ZipItem file = File("file", "");
+    ZipItem folder = Folder("folder/");
+    file.madeBy = folder.madeBy = 0; // DOS
+    file.externalAttributes = folder.externalAttributes = 0;
+
+    EXPECT_TRUE(Unpack({file, folder}));
+
+    EXPECT_EQ(0644u, ModeOf(Out("file")));
+    EXPECT_EQ(0755u, ModeOf(Out("folder")));
+}
+
+TEST_F(Unzip, DropsSetUserIdSetGroupIdAndStickyBits)
+{
+    EXPECT_TRUE(Unpack({WithMode(File("file", ""), kFile | 07755), Folder("folder/", 07777), File("folder/a", "")}));
+
+    EXPECT_EQ(0755u, ModeOf(Out("file")));
+    EXPECT_EQ(0777u, ModeOf(Out("folder")));
+}
+
+TEST_F(Unzip, LeavesThePermissionsOfAFolderThatWasThereBefore)
+{
+    m_box.MakeFolder("out/folder");
+    ASSERT_EQ(0, chmod(Out("folder").c_str(), 01750));
+
+    EXPECT_TRUE(Unpack({Folder("folder/", 0777), File("folder/a", "")}));
+
+    EXPECT_EQ(01750u, ModeOf(Out("folder")));
+}
+
+TEST_F(Unzip, GivesAFolderItsPermissionsAlsoWhenItsFilesComeFirst)
+{
+    EXPECT_TRUE(Unpack({File("folder/a", ""), Folder("folder/", 0700)}));
+
+    EXPECT_EQ(0700u, ModeOf(Out("folder")));
+}
+
+TEST_F(Unzip, GivesAFolderThePermissionsOfItsLastEntry)
+{
+    EXPECT_TRUE(
+        Unpack({Folder("closed/", 0755), Folder("closed/", 0500), Folder("open/", 0500), Folder("open/", 0755)}));
+
+    EXPECT_EQ(0500u, ModeOf(Out("closed")));
+    EXPECT_EQ(0755u, ModeOf(Out("open")));
+}
+
+// Runs `work` in a process of its own, as a user without privileges who owns the folder; whether it answered true.
+bool AsNobody(const std::string& folder, const std::function<bool()>& work)
+{
+    const uid_t nobody = 65534;
+    if (geteuid() == 0) {
+        for (const auto& entry : fs::recursive_directory_iterator(folder))
+            EXPECT_EQ(0, lchown(entry.path().c_str(), nobody, nobody));
+        EXPECT_EQ(0, chown(folder.c_str(), nobody, nobody));
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        if (geteuid() == 0 && (setgid(nobody) != 0 || setuid(nobody) != 0))
+            _exit(2);
+        _exit(work() ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) < 2) << status;
+    return status == 0;
+}
+
+TEST_F(Unzip, FillsAFolderThatIsNotForItsOwnerToWriteInto)
+{
+    const std::vector<ZipItem> items = {Folder("folder/", 0555), Folder("folder/inner/", 0),
+                                        File("folder/inner/a", "1"), File("folder/b", "2")};
+    m_box.Write("a.zip", ""); // for the owner of everything to fill
+
+    EXPECT_TRUE(AsNobody(m_box.Path(), [&] { return Unpack(items); }));
+
+    EXPECT_EQ(0555u, ModeOf(Out("folder")));
+    EXPECT_EQ(0u, ModeOf(Out("folder/inner")));
+    ASSERT_EQ(0, chmod(Out("folder/inner").c_str(), 0755)); // for those who are not root
+    ASSERT_EQ(0, chmod(Out("folder").c_str(), 0755));
+    EXPECT_EQ("1", ReadFile(Out("folder/inner/a")));
+    EXPECT_EQ("2", ReadFile(Out("folder/b")));
+}
+
+TEST_F(Unzip, StopsAtAFolderThatItMayNotWriteInto)
+{
+    m_box.MakeFolder("out/folder");
+    ASSERT_EQ(0, chmod(Out("folder").c_str(), 0555));
+    m_box.Write("a.zip", "");
+
+    EXPECT_TRUE(AsNobody(m_box.Path(), [&] {
+        return !Unpack({File("a", "1"), File("folder/b", "2")}) &&
+               Error() == "Archive '" + m_box / "a.zip" +
+                              "' cannot be unpacked: entry 'folder/b': cannot create a file: Permission denied";
+    }));
+
+    EXPECT_EQ((Strings{"a", "folder/"}), Tree(m_out));
+}
+
+TEST_F(Unzip, RefusesAnArchiveWhenItMayNotLookForLinks)
+{
+    m_box.MakeFolder("out/folder/inner");
+    ASSERT_EQ(0, chmod(Out("folder").c_str(), 0));
+    m_box.Write("a.zip", "");
+
+    EXPECT_TRUE(AsNobody(m_box.Path(), [&] {
+        return !Unpack({File("a", "1"), File("folder/inner/b", "2")}) && m_calls.calls.empty() &&
+               Error() == "Archive '" + m_box / "a.zip" +
+                              "' is refused: entry 'folder/inner/b': cannot look at 'folder/inner' on the way: "
+                              "Permission denied";
+    }));
+
+    ASSERT_EQ(0, chmod(Out("folder").c_str(), 0755)); // for the listing
+    EXPECT_EQ((Strings{"folder/", "folder/inner/"}), Tree(m_out));
+}
+
+// ---- names
+// -----------------------------------------------------------------------------------------------------------
+
+TEST_F(Unzip, WritesNamesAsLongAsNamesCanBe)
+{
+    const std::string longest(255, 'n');
+
+    EXPECT_TRUE(Unpack({File(longest, "1"), File(std::string(255, 'f') + "/" + longest, "3")}));
+
+    EXPECT_EQ("1", ReadFile(Out(longest)));
+    EXPECT_EQ("3", ReadFile(Out(std::string(255, 'f') + "/" + longest)));
+}
+
+TEST_F(Unzip, RefusesNamesThatAreLonger)
+{
+    EXPECT_FALSE(Unpack({File("a", ""), File(std::string(256, 'n'), "1")}));
+
+    EXPECT_TRUE(m_calls.calls.empty());
+    EXPECT_NE(std::string::npos, Error().find("': a part of the name is too long")) << Error();
+}
+
+TEST_F(Unzip, KeepsTheBytesOfNamesInEveryLocale)
+{
+    wxMBConv* const conversionBefore = wxConvFileName;
+    VelCore::UseUtf8FileNames();
+    const std::string localeBefore = std::setlocale(LC_ALL, nullptr);
+    for (const char* locale : {"C", "C.UTF-8"}) {
+        std::setlocale(LC_ALL, locale);
+        m_calls.calls.clear();
+        for (const std::string name :
+             {"caf\xC3\xA9", "caf\xE9", "\xE2\x82\xAC \xF0\x9F\x98\x80", "line\nfeed", "a b*?"}) {
+            SCOPED_TRACE(name);
+            EXPECT_TRUE(Unpack({File(name + "/" + name, name)}));
+            EXPECT_EQ(name, ReadFile(Out(name + "/" + name)));
+            // What the callback was given leads the framework to the same file.
+            EXPECT_EQ(Out(name + "/" + name), m_calls.calls.back().target);
+            EXPECT_TRUE(wxRemoveFile(FromUtf8(m_calls.calls.back().target)));
+            EXPECT_FALSE(Exists(Out(name + "/" + name)));
+        }
+    }
+    std::setlocale(LC_ALL, localeBefore.c_str());
+    wxConvFileName = conversionBefore;
+}
+
+TEST_F(Unzip, ShowsOddNamesEscaped)
+{
+    EXPECT_FALSE(Unpack({File("../\xFF\n", "")}));
+
+    EXPECT_EQ("Archive '" + m_box / "a.zip" + "' is refused: entry '../\\xFF\\x0A': the name contains '..'", Error());
+}
+
+TEST_F(Unzip, TakesPartsOfNamesThatMeanNothingAway)
+{
+    EXPECT_TRUE(Unpack({Folder("./"), File("./a", "1"), File("b//c", "2"), File("d/./e", "3"), Folder("f//")}));
+
+    EXPECT_EQ((Strings{"a", "b/", "b/c", "d/", "d/e", "f/"}), Tree(m_out));
+    EXPECT_EQ((Strings{m_out, Out("a"), Out("b/c"), Out("d/e"), Out("f")}), m_calls.Targets());
+}
+
+// ---- the destination
+// -------------------------------------------------------------------------------------------------
+
+TEST_F(Unzip, CreatesTheDestination)
+{
+    const CUmask umask(077);
+    m_out = m_box / "out/deep/er";
+
+    EXPECT_TRUE(Unpack({File("a", "1")}));
+
+    EXPECT_EQ("1", ReadFile(Out("a")));
+    EXPECT_EQ(0755u, ModeOf(m_out));
+}
+
+TEST_F(Unzip, TakesADestinationThatIsRelative)
+{
+    const fs::path before = fs::current_path();
+    fs::current_path(m_box.Path());
+    m_box.Write("a.zip", CZipBuilder({File("a", "1")}).Build());
+
+    EXPECT_TRUE(VelCore::Unzip(wxFileName(L"a.zip"), wxFileName::DirName(L"out"), Calls::Take, &m_calls));
+
+    fs::current_path(before);
+    EXPECT_EQ("1", ReadFile(Out("a")));
+    EXPECT_EQ((Strings{"out/a"}), m_calls.Targets());
+}
+
+TEST_F(Unzip, ReplacesTheArchiveItself)
+{
+    const std::string archive =
+        m_box.Write("out/self.zip", CZipBuilder({File("self.zip", "new"), File("large", Noise(100000))}).Build());
+
+    EXPECT_TRUE(
+        VelCore::Unzip(wxFileName(FromUtf8(archive)), wxFileName::DirName(FromUtf8(m_out)), Calls::Take, &m_calls));
+
+    EXPECT_EQ("new", ReadFile(archive));
+    EXPECT_TRUE(Noise(100000) == ReadFile(Out("large")));
+}
+
+// ---- a full disk
+// -----------------------------------------------------------------------------------------------------
+
+// The limit on the size of files stands in for a full disk: writing fails half-way with an error.
+class CFileSizeLimit
+{
+public:
+    explicit CFileSizeLimit(rlim_t bytes)
+    {
+        getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit limit = {bytes, m_before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        m_handler = signal(SIGXFSZ, SIG_IGN);
+    }
+    ~CFileSizeLimit()
+    {
+        setrlimit(RLIMIT_FSIZE, &m_before);
+        signal(SIGXFSZ, m_handler);
+    }
+    CFileSizeLimit(const CFileSizeLimit&) = delete;
+    CFileSizeLimit& operator=(const CFileSizeLimit&) = delete;
+
+private:
+    rlimit m_before = {};
+    void (*m_handler)(int);
+};
+
+TEST_F(Unzip, LeavesNothingOfAFileThatCannotBeWritten)
+{
+    m_box.Write("out/large", "old");
+    for (const std::size_t size : {std::size_t(200000), kLarge}) {
+        SCOPED_TRACE(size);
+        VelTest::CLogCapture log;
+        m_calls.calls.clear();
+        m_calls.wants = [](const Call&) { return true; };
+        const std::string archive = m_box.Write(
+            "a.zip",
+            CZipBuilder({File("a", "1"), File("large", Noise(size)), File("b", "2"), File("folder/large", Noise(size))})
+                .Build());
+        {
+            const CFileSizeLimit limit(100000);
+            EXPECT_FALSE(VelCore::Unzip(wxFileName(FromUtf8(archive)), wxFileName::DirName(FromUtf8(m_out)),
+                                        Calls::Take, &m_calls));
+            m_calls.wants = [](const Call& call) { return call.internalName == "folder/large"; };
+            EXPECT_FALSE(VelCore::Unzip(wxFileName(FromUtf8(archive)), wxFileName::DirName(FromUtf8(m_out)),
+                                        Calls::Take, &m_calls));
+        }
+        EXPECT_EQ((Strings{"a", "large"}), Tree(m_out));
+        EXPECT_EQ("old", ReadFile(Out("large")));
+        EXPECT_EQ((Strings{"Archive '" + archive + "' cannot be unpacked: entry 'large': cannot write: File too large",
+                           "Archive '" + archive +
+                               "' cannot be unpacked: entry 'folder/large': cannot write: File too large"}),
+                  log.Texts(wxLOG_Error));
+    }
+}
+
+// ---- what a crash leaves
+// ---------------------------------------------------------------------------------------------
+
+TEST_F(Unzip, RemovesWhatACrashLeftInTheFoldersItWritesInto)
+{
+    const std::string name = VelCore::TemporaryName(0x123456789ABCDEF0);
+    m_box.Write("out/" + name, "half");
+    m_box.Write("out/folder/" + name, "half");
+    m_box.Write("out/other/" + name, "half");
+
+    EXPECT_TRUE(Unpack({File("a", "1"), File("folder/b", "2")}));
+
+    EXPECT_EQ((Strings{"a", "folder/", "folder/b", "other/", "other/" + name}), Tree(m_out));
+    EXPECT_TRUE(m_log.Records().empty());
+}
+
+TEST_F(Unzip, LeavesNothingUnfinishedWhenItIsKilledAndRunAgain)
+{
+    const std::vector<ZipItem> items = {File("a", "1"), File("large", std::string(200000000, 'x'))};
+    m_box.Write("a.zip", CZipBuilder(items).Build());
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(Unpack(items) ? 0 : 1);
+    const auto hasUnfinished = [this] {
+        const Strings tree = Tree(m_out);
+        return std::any_of(tree.begin(), tree.end(),
+                           [](const std::string& name) { return VelCore::IsTemporaryName(name); });
+    };
+    while (!hasUnfinished() && waitpid(child, nullptr, WNOHANG) == 0) {
+    }
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+
+    EXPECT_TRUE(Unpack({File("a", "2")}));
+
+    EXPECT_FALSE(hasUnfinished());
+    EXPECT_EQ("2", ReadFile(Out("a")));
+}
+
+TEST_F(Unzip, RefusesNamesThatUnfinishedFilesHave)
+{
+    EXPECT_FALSE(Unpack({File("a", "1"), File(VelCore::TemporaryName(1), "2")}));
+
+    EXPECT_TRUE(m_calls.calls.empty());
 }
 
 } // namespace
