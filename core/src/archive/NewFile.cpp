@@ -46,8 +46,8 @@ void RemoveIfLeftover(int folder, const char* name)
     if (file.IsOpen() && flock(file.Get(), LOCK_EX | LOCK_NB) != 0)
         return; // is being written
     if ((!file.IsOpen() || unlinkat(folder, name, 0) != 0) && errno != ENOENT)
-        wxLogWarning(L"Unable to remove the unfinished file '%s': %s", FromUtf8(name),
-                     FromUtf8(DescribeError("of an earlier run", errno)));
+        wxLogWarning(
+            L"%s", FromUtf8(DescribeError(std::string("Unable to remove the unfinished file '") + name + "'", errno)));
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // Where entries go. Only names that were vetted come here (EntryPath), so that one part of a name is one step.
 //
-// Tested by: unit/core/archive/UnpackFolderTest.cpp.
+// Tested by: unit/core/archive/UnzipTest.cpp.
 
 #include "archive/UnpackFolder.h"
 

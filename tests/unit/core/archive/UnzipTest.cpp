@@ -12,7 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -969,6 +970,52 @@ TEST_F(Unzip, LeavesNothingOfAFileThatCannotBeWritten)
     }
 }
 
+// A small file system that only the process in which it is mounted sees.
+bool MountSmall(const std::string& folder)
+{
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("none", folder.c_str(), "tmpfs", 0, "size=1m") == 0;
+}
+
+TEST_F(Unzip, LeavesNothingHalfWrittenOnAFullDisk)
+{
+    const std::string large = Noise(kLarge);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (!MountSmall(m_out))
+            _exit(2);
+        const bool failed = !Unpack({File("a", "1"), File("folder/large", large), File("b", "2")});
+        const bool isClean = Tree(m_out) == Strings{"a"};
+        const bool isReported = Error() == "Archive '" + m_box / "a.zip" +
+                                               "' cannot be unpacked: entry 'folder/large': cannot write: "
+                                               "No space left on device";
+        _exit(failed && isClean && isReported ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 2)
+        GTEST_SKIP() << "may not mount";
+    EXPECT_EQ(0, status);
+}
+
+// The part below the mount is a file system of its own, which has to be brought to the disk as well.
+TEST_F(Unzip, WritesAcrossFileSystems)
+{
+    m_box.MakeFolder("out/mounted");
+    const pid_t child = fork();
+    if (child == 0) {
+        if (!MountSmall(Out("mounted")))
+            _exit(2);
+        const bool unpacked = Unpack({File("a", "1"), File("mounted/b", "2"), File("c", "3")});
+        _exit(unpacked && ReadFile(Out("mounted/b")) == "2" && ReadFile(Out("c")) == "3" ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 2)
+        GTEST_SKIP() << "may not mount";
+    EXPECT_EQ(0, status);
+}
+
 // ---- what a crash leaves
 // ---------------------------------------------------------------------------------------------
 
@@ -987,24 +1034,27 @@ TEST_F(Unzip, RemovesWhatACrashLeftInTheFoldersItWritesInto)
 
 TEST_F(Unzip, LeavesNothingUnfinishedWhenItIsKilledAndRunAgain)
 {
-    const std::vector<ZipItem> items = {File("a", "1"), File("large", std::string(200000000, 'x'))};
-    m_box.Write("a.zip", CZipBuilder(items).Build());
+    const std::string large = Noise(kLarge);
     const pid_t child = fork();
-    if (child == 0)
-        _exit(Unpack(items) ? 0 : 1);
-    const auto hasUnfinished = [this] {
-        const Strings tree = Tree(m_out);
-        return std::any_of(tree.begin(), tree.end(),
-                           [](const std::string& name) { return VelCore::IsTemporaryName(name); });
-    };
-    while (!hasUnfinished() && waitpid(child, nullptr, WNOHANG) == 0) {
+    if (child == 0) {
+        const rlimit none = {0, 0};
+        const rlimit limit = {kLarge / 2, kLarge * 2}; // crossing it kills
+        if (setrlimit(RLIMIT_CORE, &none) != 0 || chdir(m_box.Path().c_str()) != 0)
+            _exit(2);
+        m_box.Write("a.zip", CZipBuilder({File("a", "1"), File("large", large)}).Build());
+        setrlimit(RLIMIT_FSIZE, &limit);
+        _exit(VelCore::Unzip(wxFileName(L"a.zip"), wxFileName::DirName(L"out"), Calls::Take, &m_calls) ? 0 : 1);
     }
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ) << status;
+    const Strings left = Tree(m_out);
+    ASSERT_EQ(2u, left.size());
+    EXPECT_TRUE(VelCore::IsTemporaryName(left[0])) << left[0];
 
     EXPECT_TRUE(Unpack({File("a", "2")}));
 
-    EXPECT_FALSE(hasUnfinished());
+    EXPECT_EQ((Strings{"a"}), Tree(m_out));
     EXPECT_EQ("2", ReadFile(Out("a")));
 }
 
