@@ -12,6 +12,7 @@
 class wxFileName;
 class wxInputStream;
 class wxOutputStream;
+class wxZipEntry;
 struct lua_State;
 
 namespace VelCore {
@@ -62,6 +63,17 @@ public:
     int RunCodeSnippet(const wxString& code);
     int RunChunk(wxInputStream& in, wxOutputStream& out, const wxString& name);
 
+    // packages/AgentApp_Uninstall.cpp
+    void UninstallOldPlugins();
+    bool UninstallPluginZipCB(const wxZipEntry* entry, const wxString* target);
+    static bool UninstallPluginZipCB(void* context, const wxZipEntry* entry, const wxString* target);
+
+    // packages/AgentApp_Install.cpp
+    void InstallNewPlugins();
+    bool CheckKXPVersion(const wxFileName& package);
+    bool InstallPluginZipCB(const wxZipEntry* entry);
+    static bool InstallPluginZipCB(void* context, const wxZipEntry* entry, const wxString* destination);
+
     // luahost/AgentApp_Zippath.cpp
     void ExpandZippath();
 
@@ -90,9 +102,6 @@ private:
     // supervision/AgentApp_Crypto.cpp
     bool EnterFipsMode(int& exitCode);
 
-    // supervision/AgentApp_Run.cpp
-    bool RefuseWhatIsMissing(int& exitCode) const;
-
     // supervision/AgentApp_Daemon.cpp
     bool BecomeDaemon(int& exitCode);
     void RefuseSecondInstance() const;
@@ -109,6 +118,12 @@ private:
 
     // luahost/AgentApp_Modes.cpp
     int RunService();
+
+    // packages/AgentApp_Uninstall.cpp
+    bool UninstallPlugin(const wxFileName& marker, const wxFileName& folder);
+
+    // packages/AgentApp_Install.cpp
+    bool InstallPlugin(const wxFileName& package, const wxFileName& folder);
 
     // luahost/AgentApp_Lua.cpp
     bool SetPackagePaths();

@@ -23,4 +23,7 @@ const char* const kTracePlus = "app.trace+";
 const char* const kUnitTestMode = "app.mode.unittest";
 const char* const kVersion = "app.version";
 
+// Written for whoever sends heartbeats: the next one is wanted at once.
+const char* const kHeartbeatNow = "vel.HeartbeatNow";
+
 } // namespace DomainKeys

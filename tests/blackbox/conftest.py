@@ -74,17 +74,28 @@ def open_installation():
     shutil.rmtree(root)
 
 
-@pytest.fixture(scope="session")
-def preloaded(tmp_path_factory):
-    """Environments in which the agent's system calls do as they are told: `preloaded(TEST_FORK=1)`."""
-    library = tmp_path_factory.mktemp("preloaded") / "calls.so"
-    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, SUPPORT / "preloaded_calls.c", "-ldl"], check=True)
+def _preloading(folder, source):
+    """Makes environments in which the library of this source is preloaded into the agent, with settings for it."""
+    library = folder / f"{source}.so"
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, SUPPORT / f"{source}.c", "-ldl"], check=True)
 
     def environment(*more_sanitizer_options, **settings):
         changes = {"LD_PRELOAD": str(library), **{name: str(value) for name, value in settings.items()}}
         return sanitizer_options("verify_asan_link_order=0", *more_sanitizer_options) | changes
 
     return environment
+
+
+@pytest.fixture(scope="session")
+def preloaded(tmp_path_factory):
+    """Environments in which the agent's system calls do as they are told: `preloaded(TEST_FORK=1)`."""
+    return _preloading(tmp_path_factory.mktemp("preloaded"), "preloaded_calls")
+
+
+@pytest.fixture(scope="session")
+def disturbed(tmp_path_factory):
+    """Environments in which one of the agent's calls that change files goes wrong: `disturbed(TEST_CHANGE=1)`."""
+    return _preloading(tmp_path_factory.mktemp("disturbed"), "changing_calls")
 
 
 def _printable(value):

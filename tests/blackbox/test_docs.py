@@ -26,7 +26,7 @@ def names_in(cell):
     return re.findall("`(.*?)`", cell)
 
 
-@pytest.mark.parametrize("page", ["FIRST_APPLICATION.md", "APPLICATIONS.md"])
+@pytest.mark.parametrize("page", ["FIRST_APPLICATION.md", "APPLICATIONS.md", "PACKAGES.md"])
 def test_examples_show_what_the_page_says(installation, page):
     session = docpage.run(page, installation)
 

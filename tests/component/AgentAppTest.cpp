@@ -11,7 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include <wx/filename.h>
 #include <wx/mstream.h>
+#include <wx/zipstrm.h>
 
 #include <lua.hpp>
 
@@ -228,6 +230,103 @@ TEST_F(ExtensionGate, AMalformedVersionLineDoesNotPass)
                       "' will not be enabled.",
                   Judge("s.kxe"));
     }
+}
+
+// What the walk through a package or a removal marker calls for each entry.
+class PackageCallbacks : public AgentApp
+{
+protected:
+    // The plain functions, as the walk calls them.
+    static bool Install(void* context, const wxZipEntry* entry, const std::string& target)
+    {
+        const wxString path = VelCore::FromUtf8(target);
+        return CAgentApp::InstallPluginZipCB(context, entry, &path);
+    }
+    static bool Uninstall(void* context, const wxZipEntry* entry, const std::string& target)
+    {
+        const wxString path = VelCore::FromUtf8(target);
+        return CAgentApp::UninstallPluginZipCB(context, entry, &path);
+    }
+
+    // An entry of 1234 bytes.
+    static wxZipEntry Entry(const wxString& name) { return {name, wxDateTime::Now(), 1234}; }
+};
+
+TEST_F(PackageCallbacks, WithoutAContextNothingIsWantedAndNothingDone)
+{
+    const std::string file = m_folder.Write("bin/file", "content");
+    const wxZipEntry entry = Entry(L"file");
+    EXPECT_FALSE(Install(nullptr, &entry, file));
+    EXPECT_FALSE(Uninstall(nullptr, &entry, file));
+    EXPECT_FALSE(Uninstall(nullptr, nullptr, file));
+    EXPECT_TRUE(VelTest::Exists(file));
+}
+
+TEST_F(PackageCallbacks, WithoutAnEntryTheyAgreeAndDoNothing)
+{
+    Dom().Set("app.trace", "Appl");
+    const std::string file = m_folder.Write("bin/file", "content");
+    EXPECT_TRUE(Install(&App(), nullptr, file));
+    EXPECT_TRUE(Uninstall(&App(), nullptr, file));
+    EXPECT_TRUE(VelTest::Exists(file));
+    EXPECT_EQ(Texts(), Traced());
+}
+
+TEST_F(PackageCallbacks, InstallationWantsEveryEntryAndTouchesNoFile)
+{
+    Dom().Set("app.trace", "Appl");
+    const std::string file = m_folder.Write("bin/lib/100%s", "content");
+    const wxZipEntry entry = Entry(L"lib/100%s");
+    EXPECT_TRUE(Install(&App(), &entry, file));
+    EXPECT_EQ("content", VelTest::ReadFile(file));
+    EXPECT_EQ(Texts{"InstallPluginZipCB:   extracting: lib/100%s (1234 bytes)"}, Traced());
+}
+
+TEST_F(PackageCallbacks, RemovalDeletesTheFileAndWantsNoEntry)
+{
+    Dom().Set("app.trace", "Appl");
+    const std::string file = m_folder.Write("bin/lib/100%s", "content");
+    const wxZipEntry entry = Entry(L"lib/100%s");
+    EXPECT_FALSE(Uninstall(&App(), &entry, file));
+    EXPECT_FALSE(VelTest::Exists(file));
+    EXPECT_EQ(Texts{"UninstallPluginZipCB:   removing: lib/100%s (1234 bytes)"}, Traced());
+    EXPECT_TRUE(m_log.Records().empty());
+}
+
+TEST_F(PackageCallbacks, RemovalGoesOnWhereThereIsNoFile)
+{
+    m_folder.MakeFolder("bin/empty");
+    const wxZipEntry folder = Entry(L"empty/");
+    const wxZipEntry missing = Entry(L"missing");
+    EXPECT_FALSE(Uninstall(&App(), &folder, m_folder / "bin/empty"));
+    EXPECT_FALSE(Uninstall(&App(), &missing, m_folder / "bin/missing"));
+    EXPECT_TRUE(VelTest::Exists(m_folder / "bin/empty"));
+    EXPECT_EQ(2u, m_log.Texts(wxLOG_Error).size());
+}
+
+TEST_F(PackageCallbacks, WithoutTracingNothingIsLogged)
+{
+    const std::string file = m_folder.Write("bin/file", "content");
+    const wxZipEntry entry = Entry(L"file");
+    EXPECT_TRUE(Install(&App(), &entry, file));
+    EXPECT_FALSE(Uninstall(&App(), &entry, file));
+    EXPECT_TRUE(m_log.Records().empty());
+    EXPECT_EQ("", LogText());
+}
+
+TEST_F(PackageCallbacks, TheVersionFieldOfTheBaseNameDecides)
+{
+    EXPECT_TRUE(App().CheckKXPVersion(wxFileName(L"/10.5.0-1.x/Feature-Sample-11.0.0-1234.x86_64.kxp")));
+    EXPECT_FALSE(App().CheckKXPVersion(wxFileName(L"/bin/Feature-Sample-10.5.0-1234.x86_64.kxp")));
+    EXPECT_FALSE(App().CheckKXPVersion(wxFileName(L"/bin/Feature-Sample-11.0.0-1234.kxp")));
+    EXPECT_TRUE(App().CheckKXPVersion(wxFileName(L"/bin/Sample-1.kxp")));
+}
+
+TEST_F(PackageCallbacks, NoDomainVariableMovesTheGate)
+{
+    Dom().Set("app.version", "10.5.0.1");
+    EXPECT_TRUE(App().CheckKXPVersion(wxFileName(L"/bin/Feature-Sample-11.0.0-1234.x86_64.kxp")));
+    EXPECT_FALSE(App().CheckKXPVersion(wxFileName(L"/bin/Feature-Sample-10.5.0-1234.x86_64.kxp")));
 }
 
 // The phases of an application, with a real interpreter. They change signals for the whole process.

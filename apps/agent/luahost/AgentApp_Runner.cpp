@@ -29,6 +29,10 @@ using VelCore::LogTraceIsEnabled;
 
 int CAgentApp::RunAppInit()
 {
+    if (m_installPlugins) {
+        UninstallOldPlugins();
+        InstallNewPlugins();
+    }
     ExpandZippath();
     InstallApplicationSignals();
 

@@ -18,7 +18,7 @@ int CAgentApp::OnRun()
 {
     RestoreChildSignal();
     int exitCode = 0;
-    if (!EnterFipsMode(exitCode) || RefuseWhatIsMissing(exitCode))
+    if (!EnterFipsMode(exitCode))
         return exitCode;
 
     if (!m_background) {
@@ -33,16 +33,6 @@ int CAgentApp::OnRun()
 
     RemovePidFile(); // only the watchdog comes this far
     return exitCode;
-}
-
-// Options of the command line that this release takes but cannot serve.
-bool CAgentApp::RefuseWhatIsMissing(int& exitCode) const
-{
-    if (!m_installPlugins)
-        return false;
-    WriteStandardError(wxString::Format(L"%s: --install_plugins is not available in this release\n", GetAppName()));
-    exitCode = 1;
-    return true;
 }
 
 void CAgentApp::RunWorker()
