@@ -162,7 +162,7 @@ bool CUnpackFolder::Descend(const std::string& part, std::string& reason)
 bool CUnpackFolder::MakeMissing(const std::string& part, std::string& reason)
 {
     CDescriptor next;
-    if (mkdirat(m_current.Get(), part.c_str(), kOwnersUse) == 0) {
+    if (mkdirat(m_current.Get(), part.c_str(), kMissingFolder) == 0) {
         m_madeLast.push_back(InCurrent(part));
         next = OpenAt(m_current.Get(), part.c_str(), kFolderFlags | O_NOFOLLOW);
     }
