@@ -80,13 +80,29 @@ def content(path):
     return stat.filemode(mode)[0]
 
 
+def added(installation):
+    """The paths beside the executable that did not come with it."""
+    shipped = {path.relative_to(BUILD / "bin") for path in (BUILD / "bin").rglob("*")}
+    return sorted(path for path in installation.bin.rglob("*") if path.relative_to(installation.bin) not in shipped)
+
+
+def tree(installation):
+    """What is beside the executable and did not come with it: {relative path: (content, mode)}."""
+    return {
+        str(path.relative_to(installation.bin)): (content(path), path.lstat().st_mode & 0o7777) for path in added(installation)
+    }
+
+
 def plugins(installation):
-    """What is beside the executable and did not come with it: {relative path: content}, without folders that hold
-    something."""
-    shipped = {str(path.relative_to(BUILD / "bin")) for path in (BUILD / "bin").rglob("*")} | {"work"}
-    paths = [path for path in installation.bin.rglob("*") if str(path.relative_to(installation.bin)) not in shipped]
+    """The same as {relative path: content}, without folders that hold something."""
     return {
         str(path.relative_to(installation.bin)): content(path)
-        for path in sorted(paths)
+        for path in added(installation)
         if path.is_symlink() or not path.is_dir() or not any(path.iterdir())
     }
+
+
+def forget(installation):
+    """Removes what did not come with the executable."""
+    for path in reversed(added(installation)):
+        path.rmdir() if content(path) == "d" else path.unlink()
