@@ -23,7 +23,7 @@ NEW = {
     "folder/deep/more.lua": (b"more", 0o600),
     "tool": (b"#!/bin/sh\n" + bytes(range(256)) * 300, 0o755),
 }
-FOLDERS = {"folder": ("d", 0o755), "folder/deep": ("d", 0o755)}
+FOLDERS = {"folder": ("d", 0o750), "folder/deep": ("d", 0o755)}  # the archive tells of the first
 
 # What takes the place of a call: a kill, or the failure with an error.
 DISTURBANCES = {
@@ -41,11 +41,12 @@ def write(folder, files):
 
 
 def archive(path, files):
-    with zipfile.ZipFile(path, "w", zipfile.ZIP_DEFLATED) as opened:
+    """An archive of these files, and of folders, which have a "/" at the end of their names."""
+    with zipfile.ZipFile(path, "w") as opened:
         for name, (content, mode) in files.items():
             entry = zipfile.ZipInfo(name)
-            entry.compress_type = zipfile.ZIP_DEFLATED
-            entry.external_attr = (0o100000 | mode) << 16
+            entry.compress_type = zipfile.ZIP_STORED if name.endswith("/") else zipfile.ZIP_DEFLATED
+            entry.external_attr = ((0o040000 if name.endswith("/") else 0o100000) | mode) << 16
             opened.writestr(entry, content)
     return path
 
@@ -139,7 +140,7 @@ def check_disturbed_installation(scene, place, outcome, packed, disturbance):
 
 @pytest.mark.parametrize("disturbance", DISTURBANCES.values(), ids=DISTURBANCES)
 def test_an_installation_that_is_disturbed_anywhere_converges(scene, disturbance):
-    package = archive(scene.installation.root / "package", NEW)
+    package = archive(scene.installation.root / "package", {"folder/": ("", FOLDERS["folder"][1]), **NEW})
     packed = package.read_bytes()
 
     for place, outcome in scene.disturb(lambda: scene.begin(OLD, package=(package, SAMPLE)), disturbance):

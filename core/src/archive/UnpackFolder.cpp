@@ -44,7 +44,7 @@ CUnpackFolder::CUnpackFolder(std::string destination)
 bool CUnpackFolder::MakeFolder(const EntryPath& path, mode_t permissions, std::string& reason)
 {
     const std::string folder = path.Whole();
-    if (!Enter(folder, reason))
+    if (!Enter(folder, permissions, reason))
         return false;
     if (m_made.count(m_currentIdentity) == 0)
         return true;
@@ -60,7 +60,7 @@ bool CUnpackFolder::MakeFolder(const EntryPath& path, mode_t permissions, std::s
 
 std::optional<CNewFile> CUnpackFolder::StartFile(const EntryPath& path, std::string& reason)
 {
-    if (!Enter(path.folder, reason))
+    if (!Enter(path.folder, kMissingFolder, reason))
         return std::nullopt;
     if (m_clean.insert(m_currentIdentity).second)
         RemoveLeftovers(m_current.Get());
@@ -91,21 +91,21 @@ bool CUnpackFolder::Finish(std::string& reason)
     return true;
 }
 
-// Makes a folder the current one, and makes it if need be.
-bool CUnpackFolder::Enter(const std::string& folder, std::string& reason)
+// Makes a folder the current one, and makes it if need be, with these permissions.
+bool CUnpackFolder::Enter(const std::string& folder, mode_t permissions, std::string& reason)
 {
     m_madeLast.clear();
     if (m_current.IsOpen() && folder == m_currentName)
         return true;
     if ((!m_top.IsOpen() && !OpenDestination(reason)) || !Leave(reason))
         return false;
-    if (Walk(folder, reason) && Arrive(reason))
+    if (Walk(folder, permissions, reason) && Arrive(reason))
         return true;
     TakeBack();
     return false;
 }
 
-bool CUnpackFolder::Walk(const std::string& folder, std::string& reason)
+bool CUnpackFolder::Walk(const std::string& folder, mode_t permissions, std::string& reason)
 {
     m_current = OpenAt(m_top.Get(), ".", kFolderFlags);
     m_currentName.clear();
@@ -116,7 +116,7 @@ bool CUnpackFolder::Walk(const std::string& folder, std::string& reason)
     for (std::size_t begin = 0; begin < folder.size();) {
         const std::size_t end = std::min(folder.find('/', begin), folder.size());
         const std::string part = folder.substr(begin, end - begin);
-        if (!Descend(part, reason))
+        if (!Descend(part, end == folder.size() ? permissions : kMissingFolder, reason))
             return false;
         m_currentName = InCurrent(part);
         begin = end + 1;
@@ -142,11 +142,11 @@ bool CUnpackFolder::OpenDestination(std::string& reason)
 }
 
 // One step down from the current folder.
-bool CUnpackFolder::Descend(const std::string& part, std::string& reason)
+bool CUnpackFolder::Descend(const std::string& part, mode_t permissions, std::string& reason)
 {
     CDescriptor next = OpenAt(m_current.Get(), part.c_str(), kFolderFlags | O_NOFOLLOW);
     if (!next.IsOpen() && errno == ENOENT)
-        return MakeMissing(part, reason);
+        return MakeMissing(part, permissions, reason);
     if (next.IsOpen()) {
         m_current = std::move(next);
         return true;
@@ -158,15 +158,17 @@ bool CUnpackFolder::Descend(const std::string& part, std::string& reason)
     return false;
 }
 
-// One step down into a folder that is made first.
-bool CUnpackFolder::MakeMissing(const std::string& part, std::string& reason)
+// One step down into a folder that is made first. It has its permissions from the first instant, as far as the umask
+// lets them through: a run that finds it later, because this one was killed, takes it for one that was there before.
+bool CUnpackFolder::MakeMissing(const std::string& part, mode_t permissions, std::string& reason)
 {
+    const mode_t mode = permissions | kOwnersUse;
     CDescriptor next;
-    if (mkdirat(m_current.Get(), part.c_str(), kMissingFolder) == 0) {
+    if (mkdirat(m_current.Get(), part.c_str(), mode) == 0) {
         m_madeLast.push_back(InCurrent(part));
         next = OpenAt(m_current.Get(), part.c_str(), kFolderFlags | O_NOFOLLOW);
     }
-    if (!next.IsOpen() || fchmod(next.Get(), kMissingFolder) != 0 || !SyncWritten(m_current.Get())) {
+    if (!next.IsOpen() || fchmod(next.Get(), mode) != 0 || !SyncWritten(m_current.Get())) {
         reason = DescribeError("cannot make the folder '" + PrintableName(part) + "'", errno);
         return false;
     }
@@ -212,7 +214,7 @@ bool CUnpackFolder::SetWaitingPermissions(std::string& reason)
 {
     // From below: a folder that is closed to its owner hides what is in it.
     for (auto waiting = m_waitingPermissions.rbegin(); waiting != m_waitingPermissions.rend(); ++waiting) {
-        if (!Enter(waiting->first, reason))
+        if (!Enter(waiting->first, kMissingFolder, reason))
             return false;
         if (fchmod(m_current.Get(), waiting->second) != 0) {
             reason = DescribeError("cannot set the permissions of '" + PrintableName(waiting->first) + "'", errno);

@@ -53,11 +53,11 @@ public:
     bool Finish(std::string& reason);
 
 private:
-    bool Enter(const std::string& folder, std::string& reason);
-    bool Walk(const std::string& folder, std::string& reason);
+    bool Enter(const std::string& folder, mode_t permissions, std::string& reason);
+    bool Walk(const std::string& folder, mode_t permissions, std::string& reason);
     bool OpenDestination(std::string& reason);
-    bool Descend(const std::string& part, std::string& reason);
-    bool MakeMissing(const std::string& part, std::string& reason);
+    bool Descend(const std::string& part, mode_t permissions, std::string& reason);
+    bool MakeMissing(const std::string& part, mode_t permissions, std::string& reason);
     std::string InCurrent(const std::string& part) const;
     bool Leave(std::string& reason);
     bool Arrive(std::string& reason);
