@@ -6,6 +6,7 @@ namespace DomainKeys {
 const char* const kBackground = "app.background";
 const char* const kFipsMode = "app.fipsmode";
 const char* const kFullDump = "app.fulldump";
+const char* const kHeartbeatNow = "vel.HeartbeatNow";
 const char* const kLuaCPath = "app.lua.cpath";
 const char* const kLuaPath = "app.lua.path";
 const char* const kLuaZippath = "app.lua.zippath";
@@ -22,8 +23,5 @@ const char* const kTrace = "app.trace";
 const char* const kTracePlus = "app.trace+";
 const char* const kUnitTestMode = "app.mode.unittest";
 const char* const kVersion = "app.version";
-
-// Written for whoever sends heartbeats: the next one is wanted at once.
-const char* const kHeartbeatNow = "vel.HeartbeatNow";
 
 } // namespace DomainKeys

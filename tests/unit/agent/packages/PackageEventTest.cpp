@@ -36,8 +36,13 @@ TEST(PackageEvent, TheDescriptionKeepsEveryByteOfTheName)
 {
     for (const std::string& name : {std::string("100%s%n%d"), std::string("it's \"quoted\""), std::string("a|b"),
                                     std::string("two\nlines\r\t\x1b[2J"), std::string("\xFF\xFE\xC3"),
-                                    std::string("gr\xC3\xBC\xC3\x9F"), std::string("a\\b"), std::string(251, 'x')})
-        EXPECT_EQ(name + "|" + name + "|/opt/" + name + ".kxp", Description("/opt/" + name + ".kxp"));
+                                    std::string("gr\xC3\xBC\xC3\x9F"), std::string("a\\b"), std::string(251, 'x')}) {
+        std::string path = "/opt/";
+        path.append(name).append(".kxp");
+        std::string description = name;
+        description.append("|").append(name).append("|").append(path);
+        EXPECT_EQ(description, Description(path));
+    }
 }
 
 TEST(PackageEvent, SecondsAreMillisecondsCutOff)
