@@ -11,7 +11,6 @@ import zipfile
 
 import pytest
 
-from agentbox import sanitizer_options
 from packagebox import INSTALLED, NOT_INSTALLED, REMOVED, SAMPLE, SAMPLE_MARKER, events, forget, tree
 
 DONE = SAMPLE + ".done"
@@ -78,8 +77,9 @@ class Scene:
         for path, name in archives.values():
             shutil.copy(path, self.bin / name)
 
-    def run(self, wrapper=(), **settings):
-        return self.installation.run("-i", env=self._disturbed(TEST_CHANGE_LIST=self._list, **settings), wrapper=wrapper)
+    def run(self, *sanitizer_options, wrapper=(), **settings):
+        environment = self._disturbed(*sanitizer_options, TEST_CHANGE_LIST=self._list, **settings)
+        return self.installation.run("-i", env=environment, wrapper=wrapper)
 
     def calls(self):
         return self._list.read_text().split()
@@ -193,8 +193,7 @@ def test_all_calls_that_change_files_are_disturbed(scene):
     scene.begin(OLD, package=(package, SAMPLE), marker=(marker, SAMPLE_MARKER))
 
     strace = ("strace", "-f", "-y", "-e", f"trace={TRACED}", "-e", "signal=none", "-o", trace)
-    settings = sanitizer_options("detect_leaks=0")  # which needs ptrace for itself
-    assert scene.run(wrapper=(*strace, "env", *[f"{name}={value}" for name, value in settings.items()])).status == 0
+    assert scene.run("detect_leaks=0", wrapper=strace).status == 0  # looking for leaks needs ptrace for itself
 
     made = []
     for name, arguments in re.findall(r"^\d+ +(\w+)\((.*)$", trace.read_text(), re.M):

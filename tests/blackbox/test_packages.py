@@ -97,7 +97,9 @@ def test_without_packages_there_is_no_event_and_no_heartbeat(installation):
     assert installation.log_text() == ""
 
 
-@pytest.mark.parametrize("name", ["Feature-Sample-10.5.0-1234.x86_64.kxp", "Feature-Sample-11.0.0-1234.kxp", "F-S-11.0.00-1.x.kxp"])
+@pytest.mark.parametrize(
+    "name", ["Feature-Sample-10.5.0-1234.x86_64.kxp", "Feature-Sample-11.0.0-1234.kxp", "F-S-11.0.00-1.x.kxp"]
+)
 def test_a_package_of_another_version_stays_with_a_warning(installation, name):
     package = put(installation, name, FILES)
     archive = package.read_bytes()
@@ -536,8 +538,8 @@ def test_folders_that_become_empty_stay(installation):
 
     run(installation)
 
-    assert plugins(installation) == {"lib": "d"} or plugins(installation) == {}
     assert (installation.bin / "lib").is_dir()
+    assert not (installation.bin / "lib/sample.lua").exists()
 
 
 def test_what_is_listed_and_not_there_does_not_fail_the_removal(installation):
@@ -693,7 +695,8 @@ def test_a_package_that_wants_out_is_refused_whole(installation, escape):
 @pytest.mark.parametrize("escape", ESCAPES)
 def test_a_marker_that_wants_out_deletes_nothing(installation, escape):
     name = escape.format(root=installation.root)
-    victims = [installation.root / "outside", *(installation.bin / each for each in ("before", "behind", "sample.conf", "outside"))]
+    beside = [installation.bin / each for each in ("before", "behind", "sample.conf", "outside")]
+    victims = [installation.root / "outside", *beside]
     for victim in victims:
         victim.write_text("precious")
     (installation.bin / "lib").mkdir(exist_ok=True)
@@ -741,7 +744,8 @@ def test_a_package_whose_event_cannot_be_stored_is_on_record_in_the_log(installa
 
     for number, path in ((REMOVED, marker), (INSTALLED, package)):
         number, severity, text = event(number, path)
-        records = [line for line in installation.log_lines("Error") if f"event_number={number}, severity={severity}, " in line]
+        begin = f"event_number={number}, severity={severity}, "
+        records = [line for line in installation.log_lines("Error") if begin in line]
         assert len(records) == 1 and records[0].endswith(escaped(f"description={text}")), records
     assert set(plugins(installation)) == {package.name + ".done", *FILES}
 
