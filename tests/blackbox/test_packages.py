@@ -1,5 +1,6 @@
 """Plug-in packages are installed and removed, and every one is on record."""
 
+import io
 import os
 import re
 import shutil
@@ -8,7 +9,6 @@ import sqlite3
 import time
 import zipfile
 from contextlib import closing
-from pathlib import Path
 
 import pytest
 
@@ -37,6 +37,11 @@ UNPACKED = {name: text.encode() for name, text in FILES.items()}
 
 def is_missing(path):
     return f"File '{path}' couldn't be removed (error 2: No such file or directory)"
+
+
+def archive_bytes(entries):
+    """An archive that is to be an entry of another one."""
+    return write_archive(io.BytesIO(), entries).getvalue()
 
 
 # Installation.
@@ -661,6 +666,42 @@ def test_a_marker_alone_asks_for_a_heartbeat_also_when_it_fails(installation):
     assert run(installation) == "true"
 
 
+def test_what_comes_out_of_a_package_is_looked_at_by_the_next_start(installation):
+    inner = {"Inner.kxp": archive_bytes({"inner.conf": ""}), "Inner.kxu": archive_bytes({"sample.conf": ""})}
+    package = put(installation, SAMPLE, {**FILES, **inner})
+
+    run(installation)
+    assert events(installation) == [event(INSTALLED, package)]
+    assert {*FILES, *inner} < set(plugins(installation))
+
+    run(installation)
+    assert events(installation)[1:] == [
+        event(REMOVED, installation.bin / "Inner.kxu"),
+        event(INSTALLED, installation.bin / "Inner.kxp"),
+    ]
+    assert set(plugins(installation)) == {SAMPLE + ".done", "Inner.kxp.done", "lib/sample.lua", "inner.conf"}
+
+
+def test_a_package_that_brings_a_file_of_its_own_name_ends_all_the_same(installation):
+    package = put(installation, SAMPLE, {SAMPLE: "not an archive", **FILES})
+
+    run(installation)
+
+    assert events(installation) == [event(INSTALLED, package)]
+    assert plugins(installation) == {SAMPLE + ".done": b"not an archive", **UNPACKED}
+
+
+def test_a_marker_that_lists_itself_is_gone_once(installation):
+    unpack(installation)
+    marker = put(installation, SAMPLE_MARKER, {SAMPLE_MARKER: "", **FILES})
+
+    run(installation)
+
+    assert events(installation) == [event(REMOVED, marker)]
+    assert not marker.exists() and not (installation.bin / "sample.conf").exists()
+    assert installation.log_lines() == [f"Error: Unable to delete {marker} (error 2: No such file or directory)"]
+
+
 # Archives that want out.
 
 ESCAPES = ["../outside", "lib/../../outside", "lib/../sample.conf", "/{root}/outside", "..\\outside", "C:/outside", "C:outside", ".."]
@@ -815,13 +856,6 @@ def test_a_refused_package_is_not_said_to_be_extracted(installation):
 def extension(module, text):
     """The bytes of an extension with one module, and of its version file."""
     return {f"ext/{module}.kxe": archive_bytes({f"{module}.lua": text}), f"ext/{module}.kxe.version": "version: 11.0.0-1\n"}
-
-
-def archive_bytes(entries):
-    path = Path(f"/proc/self/fd/{os.memfd_create('archive')}")
-    content = write_archive(path, entries).read_bytes()
-    os.close(int(path.name))
-    return content
 
 
 def test_an_extension_is_found_in_the_start_that_installs_it(installation):
