@@ -366,6 +366,17 @@ def test_what_the_user_may_not_read_is_on_record_and_stays(public_installation, 
     assert set(plugins(installation)) == {name}
 
 
+@pytest.mark.skipif(os.geteuid() != 0, reason="root may read everything")
+def test_root_needs_no_permission_to_read_a_package(installation):
+    package = put(installation, SAMPLE, FILES)
+    package.chmod(0)
+
+    run(installation)
+
+    assert events(installation) == [event(INSTALLED, package)]
+    assert (installation.bin / (SAMPLE + ".done")).stat().st_mode & 0o777 == 0
+
+
 @pytest.mark.parametrize("name, number", [(SAMPLE, NOT_INSTALLED), (SAMPLE_MARKER, NOT_REMOVED)])
 def test_a_pipe_does_not_block_the_run(installation, name, number):
     path = installation.bin / name
