@@ -25,6 +25,5 @@ pkg_check_modules(DEFLATE REQUIRED IMPORTED_TARGET libdeflate)
 pkg_check_modules(SQLITE3 REQUIRED IMPORTED_TARGET sqlite3)
 
 # The test framework that goes into the generic core archive, with its licence.
-find_program(ZIP_PROGRAM zip REQUIRED)
 find_file(LUAUNIT_MODULE luaunit.lua PATHS /usr/share/lua/5.2 REQUIRED NO_DEFAULT_PATH)
 find_file(LUAUNIT_COPYRIGHT copyright PATHS /usr/share/doc/lua-unit REQUIRED NO_DEFAULT_PATH)

@@ -1,30 +1,32 @@
-# vel_lua_archive(<target> <folder> <archive> [WITH <name> <file> ...]): packs the Lua files below <folder> into a ZIP
+# vel_lua_archive(<target> <folder> <archive> [WITH <name>=<file> ...]): packs the Lua files below <folder> into a ZIP
 # archive, under their names relative to the folder, and each further <file> as <name>.
 #
 # The same contents give the same archive, byte for byte.
 function(vel_lua_archive target folder archive)
     cmake_parse_arguments(PARSE_ARGV 3 arg "" "" "WITH")
-    set(packer ${CMAKE_SOURCE_DIR}/cmake/pack_archive.sh)
-
-    set(entries ${arg_WITH})
-    set(sources)
-    while(arg_WITH)
-        list(POP_FRONT arg_WITH name file)
+    file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${folder}/*.lua)
+    foreach(entry IN LISTS arg_WITH)
+        string(REGEX REPLACE "^[^=]*=" "" file ${entry})
         list(APPEND sources ${file})
-    endwhile()
-    file(GLOB_RECURSE modules CONFIGURE_DEPENDS RELATIVE ${folder} ${folder}/*.lua)
-    foreach(module IN LISTS modules)
-        list(APPEND entries ${module} ${folder}/${module})
-        list(APPEND sources ${folder}/${module})
     endforeach()
+    vel_pack(${target} ${archive} "${sources}" archive ${folder} ${arg_WITH})
+endfunction()
 
-    get_filename_component(archive_folder ${archive} DIRECTORY)
+# vel_plugin(<target> <folder> <package>): makes a plug-in package of the files below <folder>.
+function(vel_plugin target folder package)
+    file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${folder}/*)
+    vel_pack(${target} ${package} "${sources}" plugin ${folder})
+endfunction()
+
+# vel_pack(<target> <output> <sources> <word> ...): what kx-pack makes with these words.
+function(vel_pack target output sources)
+    get_filename_component(output_folder ${output} DIRECTORY)
     add_custom_command(
-        OUTPUT ${archive}
-        COMMAND ${CMAKE_COMMAND} -E make_directory ${archive_folder}
-        COMMAND ${packer} ${archive} ${entries}
-        DEPENDS ${sources} ${packer}
+        OUTPUT ${output}
+        COMMAND ${CMAKE_COMMAND} -E make_directory ${output_folder}
+        COMMAND kx-pack ${ARGN} -o ${output}
+        DEPENDS ${sources} kx-pack
         COMMENT "Packing ${target}"
         VERBATIM)
-    add_custom_target(${target} ALL DEPENDS ${archive})
+    add_custom_target(${target} ALL DEPENDS ${output})
 endfunction()
