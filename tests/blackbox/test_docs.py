@@ -7,6 +7,7 @@ import pytest
 
 import docpage
 from docpage import DOCS, REPOSITORY
+from packbox import built
 
 
 def bound_methods(installation):
@@ -128,6 +129,15 @@ def test_man_page_has_every_option_of_the_usage_text(installation):
     missing = [long for _, long in options if f"-{long}" not in page]
 
     assert missing == []
+
+
+def test_man_page_of_the_tool_has_every_command_and_option():
+    page = (DOCS / "man/kx-pack.1").read_text()
+    for command in re.findall(r"^  (\w+) ", built("--help"), re.M):
+        (entry,) = re.findall(rf"^\.It Cm {command}\b.*?(?=^\.It Cm |^\.Sh )", page, re.M | re.S)
+        options = re.findall(r"--([\w-]+)", built(command, "--help").split("\n\n")[-1])
+        assert options[-2:] == ["help", "version"], command
+        assert [name for name in options[:-2] if f"Fl -{name}" not in entry] == [], command
 
 
 def test_monitor_page_has_every_word_and_event_number_and_a_rule_example_that_works(installation, tmp_path):

@@ -534,7 +534,7 @@ def cases():
     for archive in DAMAGES.values():
         yield fresh(NAMES[0], "11.0.0", archive, ".kxp")
         yield fresh(NAMES[0], "11.0.0", archive, ".kxu")
-    for name in ("Feature-{0}-11.0.0-1", "Feature-{0}-.x", "{0}", "{0}-1", "{0}-11.0.0-1.x", "-{0}-11.0.0-1.x", "{0}." + "n" * 200):
+    for name in ("Feature-{0}-11.0.0-1", "Feature-{0}-.x", "{0}", "{0}-1", "{0}-11.0.0-1.x", "-{0}-11.0.0-1.x", "{0}." + "n" * 241, "{0}." + "n" * 242):
         yield fresh(name, "", SOUND, ".kxp")
         yield fresh(name, "", SOUND, ".kxu")
 
@@ -556,8 +556,9 @@ def test_verdicts_on_packages_and_markers_are_the_agents(installation, tmp_path)
     records = [line for line in installation.log_lines() if line.startswith(("Error: ", "Warning: "))]
     wanted = {}
     for name in names:
-        quoted = f"'{escaped(str(installation.bin / name))}'"
-        lines = [line.replace(str(installation.bin), str(kept)) for line in records if quoted in line]
+        path = escaped(str(installation.bin / name))
+        about = [line for line in records if f"'{path}'" in line or f"Unable to delete {path} (" in line]
+        lines = [line.replace(str(installation.bin), str(kept)) for line in about]
         number = number_of[name]
         wanted[name] = (number in (INSTALLED, REMOVED), f"agent event {number} for plug-in '{plugin_of[name]}'", lines)
     assert {name: (told[name], wanted[name]) for name in names if told[name] != wanted[name]} == {}

@@ -86,6 +86,11 @@ std::optional<std::string> WhyPassedOver(const std::string& fileName)
     return std::nullopt;
 }
 
+bool HasRoomForDone(const std::string& fileName)
+{
+    return fileName.size() + kDoneLength <= kLongestName;
+}
+
 std::optional<Failure> CheckPackageName(const std::string& fileName)
 {
     const auto refuse = [&fileName](const std::string& reason) {
@@ -93,7 +98,7 @@ std::optional<Failure> CheckPackageName(const std::string& fileName)
     };
     if (const auto reason = WhyPassedOver(fileName))
         return refuse(*reason);
-    if (fileName.size() + kDoneLength > kLongestName)
+    if (!HasRoomForDone(fileName))
         return refuse("with '.done' behind it, it would be longer than " + std::to_string(kLongestName) + " bytes");
     if (!VersionAllows(VelCore::FromUtf8(WithExtension(fileName, std::string()))))
         return refuse("the agent's version, " + AgentGateVersionText() +

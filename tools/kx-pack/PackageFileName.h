@@ -33,6 +33,9 @@ std::string WithExtension(const std::string& fileName, const std::string& extens
 /// packages are deleted when their names begin with "Agent-Core".
 std::optional<std::string> WhyPassedOver(const std::string& fileName);
 
+/// Whether there is room for the ".done" that the agent puts behind the name of a package that it has installed.
+bool HasRoomForDone(const std::string& fileName);
+
 /// Whether the agent installs packages of this name, and can give them the name of an installed one afterwards.
 ///
 /// Errors: a refusal.

@@ -2,12 +2,16 @@
 //
 // Tested by: blackbox/test_kx_pack.py, which compares it with the agent.
 
+#include <cerrno>
+
 #include <wx/filename.h>
+#include <wx/log.h>
 
 #include <VelCore/AgentEvent.h>
 #include <VelCore/Unzip.h>
 #include <VelCore/Utf8.h>
 
+#include "PackageFileName.h"
 #include "Records.h"
 #include "ScratchFolder.h"
 #include "Verdict.h"
@@ -42,6 +46,14 @@ std::optional<Failure> Walk(const wxFileName& archive, Callback callback, Verdic
     return std::nullopt;
 }
 
+// It is installed all the same, and again at each start.
+void SayThatItKeepsItsName(const wxString& package, Verdict& verdict)
+{
+    const CRecords records;
+    wxLogSysError(ENAMETOOLONG, L"Unable to delete %s", package);
+    verdict.lines.insert(verdict.lines.end(), records.Lines().begin(), records.Lines().end());
+}
+
 void RefuseWith(const wxString& warning, Verdict& verdict)
 {
     verdict.accepted = false;
@@ -69,6 +81,8 @@ std::optional<Failure> JudgePackage(const std::string& path, Verdict& verdict)
     } else if (auto failure = Walk(package, Unpack, verdict)) {
         return failure;
     }
+    if (verdict.accepted && !HasRoomForDone(VelCore::ToUtf8(package.GetFullName())))
+        SayThatItKeepsItsName(shown, verdict);
     DescribeEvent(package, verdict.accepted ? PackageOutcome::Installed : PackageOutcome::NotInstalled, verdict);
     return std::nullopt;
 }
