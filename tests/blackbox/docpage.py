@@ -16,6 +16,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 from agentbox import DEADLINE_S, in_private_mounts
+from packbox import KX_PACK
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 DOCS = REPOSITORY / "docs"
@@ -68,9 +69,11 @@ def examples(page):
 
 
 def place(installation):
-    """A wrapper that puts the installation and the repository's Lua files where the pages have them, for one run."""
+    """A wrapper that puts the installation, kx-pack and the repository's Lua files where the pages have them, for one
+    run."""
     mounts = "mount -t tmpfs none /srv"
-    for source, target in ((installation.bin, "build/bin"), (REPOSITORY / "lua", "lua")):
+    places = ((installation.bin, "build/bin"), (KX_PACK.parent, "build/tools/kx-pack"), (REPOSITORY / "lua", "lua"))
+    for source, target in places:
         mounts += f' && mkdir -p {TREE}/{target} && mount --bind "{source}" {TREE}/{target}'
     return in_private_mounts(f'{mounts} && cd {TREE} && exec "$@"')
 
