@@ -381,6 +381,18 @@ def test_full_output_is_a_failure():
     assert (outcome.status, outcome.err) == (FAILED, "kx-pack: cannot write to standard output\n")
 
 
+@pytest.mark.address_space
+def test_lack_of_memory_is_a_failure(tmp_path):
+    (tmp_path / "source").mkdir()
+    with open(tmp_path / "source" / "large", "wb") as large:
+        large.truncate(400 << 20)
+
+    outcome = kx_pack("plugin", "source", "-n", "A", cwd=tmp_path, wrapper=("prlimit", f"--as={300 << 20}"))
+
+    assert seen(outcome) == failure("cannot go on: std::bad_alloc")
+    assert os.listdir(tmp_path) == ["source"]
+
+
 # Verdicts.
 
 

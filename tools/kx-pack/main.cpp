@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -94,6 +95,16 @@ Status Run(const std::vector<std::string>& words)
     return RefuseUsage("unknown command '" + words.front() + "'", "--help");
 }
 
+// Memory may run out, since files are packed in memory.
+Status RunToTheEnd(const std::vector<std::string>& words)
+{
+    try {
+        return Run(words);
+    } catch (const std::exception& exception) {
+        return Report(Failure{Status::Failed, std::string("cannot go on: ") + exception.what()});
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -101,7 +112,7 @@ int main(int argc, char** argv)
     VelCore::UseUtf8FileNames();
     const wxInitializer framework;
     const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
-    Status status = Run(words);
+    Status status = RunToTheEnd(words);
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
         status = Report(Failure{Status::Failed, "cannot write to standard output"});
     return static_cast<int>(status);

@@ -31,6 +31,11 @@ std::string MarkerName(const std::string& package)
     return WithExtension(ExtensionOf(name) == ".done" ? WithExtension(name, std::string()) : name, ".kxu");
 }
 
+Failure CannotList(const std::string& name, const std::string& package, const std::string& reason)
+{
+    return {Status::Refused, "'" + name + "' of '" + package + "' cannot be listed: " + reason};
+}
+
 std::optional<Failure> ListFiles(const std::string& package, std::string& marker)
 {
     std::string reason;
@@ -46,7 +51,7 @@ std::optional<Failure> ListFiles(const std::string& package, std::string& marker
     VelCore::EntryPath place;
     for (const std::string& name : names) {
         if (!VelCore::ParseEntryPath(name, place, reason) || !writer.Add(name, kMode, std::string(), reason))
-            return Failure{Status::Refused, "'" + name + "' of '" + package + "' cannot be listed: " + reason};
+            return CannotList(name, package, reason);
     }
     marker = writer.Finish();
     return std::nullopt;
