@@ -147,6 +147,15 @@ TEST_F(PackageFolder, ALinkInTheDoneNamesPlaceIsReplaced)
     EXPECT_EQ("content of target", ReadFile(m_folder / "target"));
 }
 
+TEST_F(PackageFolder, TwoNamesOfOneFileBecomeTheDoneOne)
+{
+    Write({"a.kxp"});
+    ASSERT_EQ(0, link((m_folder / "a.kxp").c_str(), (m_folder / "a.kxp.done").c_str()));
+    EXPECT_TRUE(RenameToDone(FromUtf8(m_folder / "a.kxp")));
+    EXPECT_EQ(Names{"a.kxp.done"}, Listed(L"*"));
+    EXPECT_EQ("content of a.kxp", ReadFile(m_folder / "a.kxp.done"));
+}
+
 TEST_F(PackageFolder, WhatCannotBeRenamedKeepsItsNameAndTheReasonIsThere)
 {
     const std::string longest = std::string(251, 'x') + ".kxp";

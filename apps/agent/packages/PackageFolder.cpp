@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <string>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <wx/dir.h>
@@ -17,6 +18,19 @@
 #include <wx/filename.h>
 
 #include <VelCore/Utf8.h>
+
+namespace {
+
+// Whether both are names of the same file, as hard links are.
+bool AreOneFile(const std::string& one, const std::string& other)
+{
+    struct stat first = {};
+    struct stat second = {};
+    return lstat(one.c_str(), &first) == 0 && lstat(other.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
+}
+
+} // namespace
 
 wxArrayString ListFiles(const wxFileName& folder, const wxString& pattern)
 {
@@ -37,7 +51,10 @@ void RemoveCoreFiles(const wxFileName& folder)
 bool RenameToDone(const wxString& path)
 {
     const std::string name = VelCore::ToUtf8(path);
-    return std::rename(name.c_str(), (name + ".done").c_str()) == 0;
+    const std::string done = name + ".done";
+    if (AreOneFile(name, done))
+        return unlink(name.c_str()) == 0; // renaming one to the other does nothing, and says that it did
+    return std::rename(name.c_str(), done.c_str()) == 0;
 }
 
 bool RemoveName(const wxString& path)
