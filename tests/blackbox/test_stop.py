@@ -10,7 +10,7 @@ import pytest
 
 from agentbox import LONG_LOOP, await_condition, in_private_mounts, sanitizer_options
 from background import die, log, once_there, process_table
-from proc import RT_SIGTIMEDWAIT, await_blocked_in, script_thread, signals, status_of, threads
+from proc import RT_SIGTIMEDWAIT, WAIT4, await_blocked_in, script_thread, signals, status_of, threads
 
 DELAYED = "Verbose: Delaying 1000ms before restart 1"
 INTERRUPTED = "Warning: Waiting for child process interrupted - Try again"
@@ -25,6 +25,13 @@ def await_waiting(agent):
     worker = agent.worker_in("main")
     await_blocked_in(worker, script_thread(worker), RT_SIGTIMEDWAIT)
     return worker
+
+
+def terminate_in_wait(agent):
+    """Asks the agent to end while its watchdog waits for the worker, and waits until the watchdog has noticed."""
+    await_blocked_in(agent.watchdog, agent.watchdog, WAIT4)
+    agent.terminate()
+    agent.record(INTERRUPTED)
 
 
 # SIGTERM once
@@ -79,8 +86,7 @@ def test_stop_in_a_phase_that_fails_keeps_its_status(installation, phase):
     agent = installation.start_in_background(**{phase: once_there(gate) + "return 7"})
     agent.worker_in(phase)
 
-    agent.terminate()
-    agent.record(INTERRUPTED)
+    terminate_in_wait(agent)
     gate.touch()
 
     assert agent.end() == 7
@@ -94,8 +100,7 @@ def test_stop_while_shutdown_runs(installation):
     os.kill(await_waiting(agent), signal.SIGTERM)
     agent.worker_in("shutdown")
 
-    agent.terminate()
-    agent.record(INTERRUPTED)
+    terminate_in_wait(agent)
     assert not agent.pid_file.exists()
     gate.touch()
 
@@ -153,8 +158,7 @@ def test_stop_of_a_worker_that_stands_still(installation):
     os.kill(worker, signal.SIGSTOP)
     await_condition(lambda: process_table()[worker].state == "T", "a stopped worker")
 
-    agent.terminate()
-    agent.record(INTERRUPTED)
+    terminate_in_wait(agent)
     os.kill(worker, signal.SIGCONT)
 
     assert agent.end() == 5
@@ -260,11 +264,10 @@ def test_second_stop_ends_the_watchdog_at_once(installation, phase):
     agent = installation.start_in_background(**{phase: log("blocks") + once_there(gate)})
     if phase == "shutdown":
         await_waiting(agent)
-        agent.terminate()
+        terminate_in_wait(agent)
     worker = agent.record("Message: blocks").pid
     if phase != "shutdown":
-        agent.terminate()
-    agent.record(INTERRUPTED)
+        terminate_in_wait(agent)
     agent.wait_for(lambda: not agent.pid_file.exists(), "the end of the pid file")
 
     agent.terminate()
@@ -564,8 +567,7 @@ class Stuck:
             os.kill(await_waiting(self.agent), signal.SIGTERM)
         self.worker = self.agent.record("Message: blocks").pid
         if case == "stopped twice":
-            self.agent.terminate()
-            self.agent.record(INTERRUPTED)
+            terminate_in_wait(self.agent)
         self.watchdog = self.agent.watchdog
 
     def lose_watchdog(self):
