@@ -25,7 +25,8 @@ class CLuaInterpreter;
 /// The class is wide and its parts are in files of their own; each group below names the file that defines it.
 ///
 /// Threads: the main thread constructs and configures it before the script thread starts; from then on the script
-///          thread uses the members of luahost/ and packages/, and the main thread only its event loop.
+///          thread uses the members of luahost/ and packages/, and the main thread only its event loop. Background
+///          runnables prepare their interpreters with what is only read by then.
 class CAgentApp : public wxAppConsole
 {
 public:
@@ -126,9 +127,11 @@ private:
     bool InstallPlugin(const wxFileName& package, const wxFileName& folder);
 
     // luahost/AgentApp_Lua.cpp
-    bool SetPackagePaths();
     void CollectArguments();
-    void PushArguments(lua_State* state);
+    static void PrepareRunnable(VelCore::CLuaInterpreter& interpreter);
+    void PrepareInterpreter(VelCore::CLuaInterpreter& interpreter) const;
+    bool SetPackagePaths(VelCore::CLuaInterpreter& interpreter) const;
+    void PushArguments(lua_State* state) const;
 
     // luahost/AgentApp_Zippath.cpp
     void AppendSpecification(const wxString& token, wxString& zippath);
@@ -151,7 +154,7 @@ private:
     wxString m_zippath;
     wxString m_unitTestScript;
 
-    // What the Lua table `arg` will hold. A member, because a Lua error leaves SetupLua without running destructors.
+    // What the Lua table `arg` holds, in every interpreter. Written before the first one is prepared.
     std::vector<ScriptArgument> m_scriptArguments;
 
     wxLocale m_locale;

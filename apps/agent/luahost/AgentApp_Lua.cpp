@@ -1,7 +1,7 @@
-// CAgentApp: prepares the interpreter: search paths, domain, module loader, arguments.
+// CAgentApp: prepares an interpreter: search paths, domain, module loader, arguments.
 //
-// SetupLua runs inside a protected call. Lua leaves a failing function by longjmp, which runs no destructors, so
-// nothing here holds an object with one while it calls a Lua function that may fail.
+// All of it runs inside a protected call, on the thread of the interpreter. Lua leaves a failing function by longjmp,
+// which runs no destructors, so nothing here holds an object with one while it calls a Lua function that may fail.
 //
 // Tested by: unit/agent/luahost/ArgLayoutTest.cpp, blackbox/test_lua_host.py.
 
@@ -14,6 +14,8 @@
 #include <VelCore/LuaInterpreter.h>
 
 #include "DomainKeys.h"
+
+using VelCore::CLuaInterpreter;
 
 lua_State* CAgentApp::L() const
 {
@@ -30,11 +32,22 @@ int CAgentApp::SetupLua(lua_State* L)
 
 int CAgentApp::SetupLua()
 {
-    lua_State* state = L();
     CollectArguments();
+    PrepareInterpreter(*m_interpreter);
+    return 0;
+}
+
+void CAgentApp::PrepareRunnable(CLuaInterpreter& interpreter)
+{
+    wxGetApp().PrepareInterpreter(interpreter);
+}
+
+void CAgentApp::PrepareInterpreter(CLuaInterpreter& interpreter) const
+{
+    lua_State* state = interpreter.L();
     luaL_checkversion(state);
-    if (!SetPackagePaths())
-        return lua_error(state); // the message is on the stack
+    if (!SetPackagePaths(interpreter))
+        lua_error(state); // the message is on the stack
 
     SLB3::Push(state, m_dom);
     lua_pushvalue(state, -1);
@@ -44,15 +57,14 @@ int CAgentApp::SetupLua()
 
     PushArguments(state);
     lua_setglobal(state, "arg");
-    return 0;
 }
 
-bool CAgentApp::SetPackagePaths()
+bool CAgentApp::SetPackagePaths(CLuaInterpreter& interpreter) const
 {
     const std::string cpath = m_dom->Get(DomainKeys::kLuaCPath);
     const std::string path = m_dom->Get(DomainKeys::kLuaPath);
     const std::string bin = m_dom->Get(DomainKeys::kPathBin);
-    return m_interpreter->SetPackagePaths(bin, path, cpath);
+    return interpreter.SetPackagePaths(bin, path, cpath);
 }
 
 void CAgentApp::CollectArguments()
@@ -65,7 +77,7 @@ void CAgentApp::CollectArguments()
 }
 
 // stack: -> the table `arg`
-void CAgentApp::PushArguments(lua_State* state)
+void CAgentApp::PushArguments(lua_State* state) const
 {
     const int count = argc;
     luaL_checkstack(state, count, "too many arguments to script");

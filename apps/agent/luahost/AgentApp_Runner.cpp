@@ -6,8 +6,6 @@
 
 #include "AgentApp.h"
 
-#include <cstdint>
-
 #include <wx/log.h>
 #include <wx/mstream.h>
 
@@ -15,6 +13,7 @@
 
 #include <VelCore/Log2Disk.h>
 #include <VelCore/LuaInterpreter.h>
+#include <VelCore/LuaRunnable.h>
 #include <VelCore/Trace.h>
 #include <VelCore/Utf8.h>
 
@@ -49,6 +48,7 @@ int CAgentApp::RunAppInit()
         return ReportSetupFailure(VelCore::FromUtf8(message ? message : "(no error message)"), status);
     }
 
+    VelCore::CLuaRunnable::SetPreparation(PrepareRunnable);
     if (const int rc = RunCodeSnippet(RequireSnippet(GetAppName())))
         return rc;
     return RunAppMethod(L"init");
@@ -100,11 +100,8 @@ int CAgentApp::RunChunk(wxInputStream& in, wxOutputStream& out, const wxString& 
         LogTrace(s_Trace, __FILE__, __LINE__, function, wxString::Format(L"Running chunk '%s'", name));
 
     int rc = m_interpreter->RunScript(in, 0, 1, name, &out);
-    if (rc == 0) {
-        // The status is the low half of Lua's integer, so 2^32 counts as success.
-        rc = static_cast<int>(static_cast<std::uint32_t>(lua_tointegerx(L(), -1, nullptr)));
-        lua_pop(L(), 1);
-    }
+    if (rc == 0)
+        rc = m_interpreter->TakeStatus();
 
     if (LogTraceIsEnabled(s_Trace))
         LogTrace(s_Trace, __FILE__, __LINE__, function, wxString::Format(L"Chunk produced a return value of %d", rc));

@@ -4,6 +4,7 @@
 
 #include "luahost/ScriptThread.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
@@ -11,10 +12,15 @@
 
 #include <wx/evtloop.h>
 
+#include <VelCore/EndProcess.h>
+#include <VelCore/RunnableRegistry.h>
+
 #include "AgentApp.h"
 #include "supervision/MainThreadStop.h"
 
 namespace {
+
+const std::chrono::seconds kRunnablePatience{10};
 
 // What escapes here would end the thread but leave the process waiting for its status.
 int RunScriptGuarded(CAgentApp& app)
@@ -52,6 +58,10 @@ int CScriptThread::OnRun()
 {
     CAgentApp& app = wxGetApp();
     const int status = RunScriptGuarded(app);
+
+    // Static destructors would take away what a thread that goes on still uses.
+    if (!VelCore::CRunnableRegistry::Get().StopAll(kRunnablePatience))
+        VelCore::EndProcess(status);
 
     if (!app.IsBackground() && !app.IsMainAgent()) {
         CMainThreadStop::Get().StopEventLoop(app);

@@ -62,6 +62,10 @@ public:
     /// Errors: each failure is an error-level record with the text of `GetErrorInfo`.
     int RunScript(wxInputStream& in, int arguments, int results, const wxString& name, wxOutputStream* out);
 
+    /// Removes the value on top of the stack and gives it as a status: the low half of the integer that Lua makes of a
+    /// number or a numeric text, so 2^32 counts as success; 0 for everything else.
+    int TakeStatus();
+
     /// The message of the last failure, followed by its stack traceback; empty when none has failed.
     wxString GetErrorInfo() const { return m_errorInfo; }
 

@@ -1,8 +1,11 @@
 // Runnable.h: a joinable thread that can be asked, woken and interrupted.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
+#include <vector>
 
 #include <pthread.h>
 
@@ -11,6 +14,7 @@
 namespace VelCore {
 
 class CDom;
+class CExitListener;
 
 /// Runs `OnRun` once, on a thread of its own, whose log records reach the log at once.
 ///
@@ -41,6 +45,18 @@ public:
     /// Waits for the thread's end, if it was started, and gives its status. May be called again.
     int join();
 
+    /// The runnable whose thread this is; null on every other thread.
+    static CRunnable* Current();
+
+    /// Whether it was started and its work has not ended.
+    bool IsRunning();
+
+    /// Waits while it runs, at most until `deadline`. Once exit is requested, it is interrupted again and again: the
+    /// first time may have been just before a blocking call.
+    ///
+    /// Returns whether it runs no more; `join` then takes no time.
+    bool AwaitEnd(std::chrono::steady_clock::time_point deadline);
+
     /// Whether exit has been requested.
     bool TestDestroy() override;
 
@@ -70,16 +86,46 @@ protected:
     virtual int OnRun() = 0;
 
 private:
+    friend class CExitListener;
+
+    bool IsRunningLocked() const;
+    void InterruptLocked() const;
+
     std::mutex m_mutex; // guards all below
     std::condition_variable m_wake;
     bool m_exitRequested;
     bool m_awakened;
+    std::vector<const CExitListener*> m_exitListeners;
     enum class Phase { New, Started, Joining, Joined } m_phase = Phase::New;
     bool m_running = false; // between the thread's first and last action: m_thread is valid
+    bool m_ended = false;   // the thread's last action is done
     pthread_t m_thread{};
     int m_status;
 
     CDom* m_dom = nullptr; // not owned; set before the start
+};
+
+/// Calls back when exit is requested of a runnable, as long as it lives; from the beginning if it has been. For waits
+/// that are not the runnable's own.
+///
+/// Ownership: both have to outlive it.
+/// Threads:   the call comes on the thread that requests, which holds the runnable's lock: it must not call the
+/// runnable,
+///            nor take a lock that is held where this is made or destroyed.
+class CExitListener
+{
+public:
+    /// runnable  may be null: then there is no call
+    CExitListener(CRunnable* runnable, std::function<void()> onExit);
+    ~CExitListener();
+    CExitListener(const CExitListener&) = delete;
+    CExitListener& operator=(const CExitListener&) = delete;
+
+private:
+    friend class CRunnable;
+
+    CRunnable* m_runnable;
+    std::function<void()> m_onExit;
 };
 
 } // namespace VelCore

@@ -41,6 +41,19 @@ LuaText CheckText(lua_State* L, const char* method, int argument)
     return text;
 }
 
+unsigned int OptMilliseconds(lua_State* L, const char* method, int argument, unsigned int absent)
+{
+    if (lua_isnoneornil(L, argument + 1))
+        return absent;
+    int isNumber = 0;
+    const lua_Number number = lua_tonumberx(L, argument + 1, &isNumber);
+    if (!isNumber)
+        TypeError(L, method, argument, "number");
+    if (!(number > 0))
+        return 0;
+    return number < kNoLimit ? static_cast<unsigned int>(number) : kNoLimit;
+}
+
 const wxLogLevel* FindLogLevel(std::string_view name)
 {
     for (const LogLevel& level : kLogLevels) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <limits>
 #include <string_view>
 
 #include <wx/log.h>
@@ -29,6 +30,13 @@ int TypeError(lua_State* L, const char* method, int argument, const char* expect
 
 /// A string argument, or a number, which Lua turns into its text; an argument error for everything else.
 LuaText CheckText(lua_State* L, const char* method, int argument);
+
+/// No limit to a wait.
+const unsigned int kNoLimit = std::numeric_limits<unsigned int>::max();
+
+/// An optional number of milliseconds: `absent` without the argument and for nil; 0 for less, kNoLimit for more than it
+/// can hold (49 days). An argument error for everything but a number.
+unsigned int OptMilliseconds(lua_State* L, const char* method, int argument, unsigned int absent);
 
 /// The level of the framework's log that Lua knows by this name; null when there is none.
 const wxLogLevel* FindLogLevel(std::string_view name);

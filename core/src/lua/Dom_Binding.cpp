@@ -20,6 +20,7 @@
 
 #include "lua/AgentEvent_Binding.h"
 #include "lua/Arguments.h"
+#include "lua/Runnable_Binding.h"
 #include "trace/LogText.h"
 
 namespace {
@@ -212,6 +213,7 @@ const luaL_Reg kMethods[] = {
     {"LogTrace", LogTrace},
     {"LogTraceIsEnabled", LogTraceIsEnabled},
     {"Set", Set},
+    {"StartRunnable", VelCore::LuaStartRunnable},
     {"TimeNowMillis", TimeNowMillis},
 };
 

@@ -7,6 +7,7 @@
 
 #include <VelCore/LuaInterpreter.h>
 
+#include <cstdint>
 #include <cstdlib>
 
 #include <wx/stream.h>
@@ -169,6 +170,13 @@ int CLuaInterpreter::RunScript(wxInputStream& in, int arguments, int results, co
     }
     Fail(status);
     lua_settop(m_state, base);
+    return status;
+}
+
+int CLuaInterpreter::TakeStatus()
+{
+    const int status = static_cast<int>(static_cast<std::uint32_t>(lua_tointegerx(m_state, -1, nullptr)));
+    lua_pop(m_state, 1);
     return status;
 }
 

@@ -4,6 +4,7 @@
 
 #include <VelCore/Runnable.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 
@@ -12,7 +13,12 @@
 namespace VelCore {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 const unsigned int kStackSize = 8 * 1024 * 1024;
+
+// Between two interruptions of a thread that was asked to exit.
+const std::chrono::milliseconds kInterruptAgain{100};
 
 void IgnoreInterruption(int) {}
 
@@ -84,18 +90,55 @@ int CRunnable::join()
     return m_status;
 }
 
+CRunnable* CRunnable::Current()
+{
+    return dynamic_cast<CRunnable*>(wxThread::This());
+}
+
+bool CRunnable::IsRunning()
+{
+    const std::lock_guard lock(m_mutex);
+    return IsRunningLocked();
+}
+
+bool CRunnable::IsRunningLocked() const
+{
+    return m_phase != Phase::New && !m_ended;
+}
+
+bool CRunnable::AwaitEnd(Clock::time_point deadline)
+{
+    std::unique_lock lock(m_mutex);
+    while (IsRunningLocked()) {
+        const Clock::time_point now = Clock::now();
+        if (now >= deadline)
+            return false;
+        const bool interrupts = m_exitRequested;
+        if (interrupts)
+            InterruptLocked();
+        m_wake.wait_until(lock, interrupts ? std::min(deadline, now + kInterruptAgain) : deadline,
+                          [this, interrupts] { return m_ended || m_exitRequested != interrupts; });
+    }
+    return true;
+}
+
 void* CRunnable::Entry()
 {
     // Also when OnRun leaves by an exception, which the framework reports.
     struct CRunningMark
     {
-        explicit CRunningMark(CRunnable& runnable) : m_runnable(runnable) { Mark(true); }
-        ~CRunningMark() { Mark(false); }
-        void Mark(bool running) const
+        explicit CRunningMark(CRunnable& runnable) : m_runnable(runnable)
         {
             const std::lock_guard lock(m_runnable.m_mutex);
             m_runnable.m_thread = pthread_self();
-            m_runnable.m_running = running;
+            m_runnable.m_running = true;
+        }
+        ~CRunningMark()
+        {
+            const std::lock_guard lock(m_runnable.m_mutex);
+            m_runnable.m_running = false;
+            m_runnable.m_ended = true;
+            m_runnable.m_wake.notify_all();
         }
         CRunnable& m_runnable;
     };
@@ -136,6 +179,11 @@ void CRunnable::Awaken()
 void CRunnable::interrupt()
 {
     const std::lock_guard lock(m_mutex);
+    InterruptLocked();
+}
+
+void CRunnable::InterruptLocked() const
+{
     if (m_running)
         pthread_kill(m_thread, SigThreadDelete);
 }
@@ -143,8 +191,32 @@ void CRunnable::interrupt()
 void CRunnable::requestExit()
 {
     const std::lock_guard lock(m_mutex);
+    if (m_exitRequested)
+        return;
     m_exitRequested = true;
     m_wake.notify_all();
+    for (const CExitListener* listener : m_exitListeners)
+        listener->m_onExit();
+}
+
+CExitListener::CExitListener(CRunnable* runnable, std::function<void()> onExit)
+    : m_runnable(runnable), m_onExit(std::move(onExit))
+{
+    if (!m_runnable)
+        return;
+    const std::lock_guard lock(m_runnable->m_mutex);
+    m_runnable->m_exitListeners.push_back(this);
+    if (m_runnable->m_exitRequested)
+        m_onExit();
+}
+
+CExitListener::~CExitListener()
+{
+    if (!m_runnable)
+        return;
+    const std::lock_guard lock(m_runnable->m_mutex);
+    std::vector<const CExitListener*>& listeners = m_runnable->m_exitListeners;
+    listeners.erase(std::find(listeners.begin(), listeners.end(), this));
 }
 
 } // namespace VelCore

@@ -1,6 +1,9 @@
 // Wrapper.h: binds a C++ class to Lua.
 #pragma once
 
+#include <new>
+#include <utility>
+
 #include <SLB3/ClassInfo.h>
 #include <SLB3/Object.h>
 
@@ -17,13 +20,16 @@ namespace SLB3 {
 template <typename T>
 struct Wrapper;
 
-/// The collector of by-pointer objects: checks the object, destroys nothing, since C++ owns it. A script that calls it
-/// by hand may pass anything; what is no object of the class is left alone.
+/// The collector: checks the object, and gives up the share that a shared one has; what C++ owns is not destroyed. A
+/// script that calls it by hand may pass anything; what is no object of the class is left alone.
 template <typename T>
 int Collect(lua_State* L)
 {
-    if (const void* object = luaL_testudata(L, 1, Wrapper<T>::ClassName()))
-        Unpack(*static_cast<const Object*>(object));
+    auto* object = static_cast<Object*>(luaL_testudata(L, 1, Wrapper<T>::ClassName()));
+    if (!object || !Unpack(*object) || object->storage != Storage::Shared)
+        return 0;
+    object->pointer = nullptr;
+    reinterpret_cast<SharedObject<T>*>(object)->owner.reset(); // an empty one needs no destructor
     return 0;
 }
 
@@ -54,6 +60,30 @@ void Push(lua_State* L, T* pointer)
     lua_setmetatable(L, -2);
 }
 
+/// Pushes an object of the class that shall have a share in its C++ object, and gives it to `Share`. Until then its
+/// methods fail. Two steps, because a Lua error of the first one would run no destructor of a shared pointer.
+///
+/// Stack:  +1.
+/// Errors: a Lua memory error.
+template <typename T>
+SharedObject<T>& PushShared(lua_State* L)
+{
+    PushClass(L, Class<T>());
+    auto* shared =
+        new (lua_newuserdata(L, sizeof(SharedObject<T>))) SharedObject<T>{{Storage::Shared, nullptr}, nullptr};
+    lua_insert(L, -2);
+    lua_setmetatable(L, -2);
+    return *shared;
+}
+
+/// Gives the pushed object its share.
+template <typename T>
+void Share(SharedObject<T>& shared, std::shared_ptr<T> owner)
+{
+    shared.owner = std::move(owner);
+    shared.object.pointer = shared.owner.get();
+}
+
 /// Adds a method to the namespace table at `namespaceAt`. The method finds its class's metatable in its first
 /// upvalue, so that `Self` needs no look-up by name.
 template <typename T>
@@ -74,8 +104,11 @@ T& Self(lua_State* L, const char* method)
     if (object && lua_getmetatable(L, 1)) {
         const bool isOurs = lua_rawequal(L, -1, lua_upvalueindex(1)) != 0;
         lua_pop(L, 1);
+        void* pointer = isOurs ? Unpack(*object) : nullptr;
+        if (pointer)
+            return *static_cast<T*>(pointer);
         if (isOurs)
-            return *static_cast<T*>(Unpack(*object));
+            luaL_error(L, "calling '%s' on a collected object (%s)", method, Wrapper<T>::ClassName());
     }
     luaL_error(L, "calling '%s' on bad self (%s expected, got %s)", method, Wrapper<T>::ClassName(),
                luaL_typename(L, 1));
