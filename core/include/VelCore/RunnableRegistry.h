@@ -14,12 +14,19 @@ class CRunnable;
 /// it, and ends them all when the application ends. A thread that has run out is joined at the next start or at the
 /// end.
 ///
-/// Ownership: one for the process, never destroyed: threads that do not end may outlive everything else.
+/// Ownership: the one of the process is never destroyed: threads that do not end may outlive everything else. Another
+/// one
+///            has to outlive its runnables.
 /// Threads:   any.
 class CRunnableRegistry
 {
 public:
+    /// The one of the process.
     static CRunnableRegistry& Get();
+
+    CRunnableRegistry() = default;
+    CRunnableRegistry(const CRunnableRegistry&) = delete;
+    CRunnableRegistry& operator=(const CRunnableRegistry&) = delete;
 
     /// Starts the runnable with the caller's signal mask. Once `StopAll` was called, it finds exit requested.
     ///
@@ -35,7 +42,6 @@ public:
 private:
     using Runnables = std::vector<std::shared_ptr<CRunnable>>;
 
-    CRunnableRegistry() = default;
     void JoinEnded();
     Runnables StartStopping();
 

@@ -21,6 +21,7 @@
 #include "lua/LuaOutput.h"
 #include "lua/LuaProcess.h"
 #include "lua/PackagePaths.h"
+#include "lua/Queue_Binding.h"
 #include "lua/TextChunk.h"
 #include "lua/Traceback.h"
 #include "trace/LogText.h"
@@ -40,6 +41,7 @@ int OpenLibraries(lua_State* L)
     luaL_openlibs(L);
     InstallFileSearcher(L);
     InstallProcessFunctions(L);
+    InstallQueues(L);
     lua_pushlightuserdata(L, InstallOutput(L));
     return 1;
 }

@@ -263,4 +263,60 @@ TEST_F(SlbClass, APushAfterOneThatRanOutOfMemoryGivesACompleteObject)
     EXPECT_EQ(LUA_OK, status);
 }
 
+class SlbShared : public SlbClass
+{
+protected:
+    // A counter that only Lua keeps, in a global.
+    std::weak_ptr<Counter> PushShared(const char* global)
+    {
+        auto counter = std::make_shared<Counter>();
+        std::weak_ptr<Counter> seen = counter;
+        const int top = lua_gettop(L());
+        SLB3::Share(SLB3::PushShared<Counter>(L()), std::move(counter));
+        EXPECT_EQ(top + 1, lua_gettop(L()));
+        lua_setglobal(L(), global);
+        return seen;
+    }
+};
+
+TEST_F(SlbShared, AnObjectLivesUntilItsLastShareIsCollected)
+{
+    const std::weak_ptr<Counter> seen = PushShared("a");
+    EXPECT_EQ("5", Value("return a:Add(5)"));
+    {
+        const std::shared_ptr<Counter> kept = seen.lock();
+        Value("a = nil collectgarbage()");
+        EXPECT_EQ(5, kept->value);
+    }
+    EXPECT_TRUE(seen.expired());
+}
+
+TEST_F(SlbShared, CollectionByHandGivesUpTheShareOnceAndLeavesAnErrorBehind)
+{
+    const std::weak_ptr<Counter> seen = PushShared("a");
+    EXPECT_EQ("nil", Value("for i = 1, 3 do getmetatable(a).__gc(a) end return nil"));
+    EXPECT_TRUE(seen.expired());
+    EXPECT_EQ("calling 'Add' on a collected object (SLB.TestCounter)", Value("return select(2, pcall(a.Add, a))"));
+    EXPECT_EQ("nil", Value("a = nil collectgarbage() return nil"));
+}
+
+TEST_F(SlbShared, AnObjectWithoutAShareYetFailsAndCanBeCollected)
+{
+    SLB3::PushShared<Counter>(L());
+    lua_setglobal(L(), "a");
+    EXPECT_EQ("false", Value("return (pcall(a.Add, a))"));
+    EXPECT_EQ("nil", Value("a = nil collectgarbage() return nil"));
+}
+
+TEST_F(SlbShared, ObjectsOfBothKindsHaveOneClass)
+{
+    Counter plain;
+    Push("plain", &plain);
+    PushShared("shared");
+    EXPECT_EQ("true", Value("return getmetatable(plain) == getmetatable(shared)"));
+    EXPECT_EQ(1, g_registrations);
+    Value("plain = nil shared = nil collectgarbage()");
+    EXPECT_EQ(0, plain.value);
+}
+
 } // namespace

@@ -18,6 +18,7 @@
 #include "support/Capture.h"
 #include "support/RootDomain.h"
 
+using VelCore::CExitListener;
 using VelCore::CRunnable;
 using namespace std::chrono_literals;
 
@@ -341,6 +342,94 @@ TEST(Runnable, TheDomainIsHandedOn)
     runnable.SetDom(dom.get());
     ASSERT_TRUE(runnable.start(50, true, 0));
     EXPECT_EQ(0, runnable.join());
+}
+
+TEST(Runnable, RunsFromItsStartToTheEndOfItsWork)
+{
+    CTestRunnable runnable(
+        [](CRunnable& self) { return self.TestDestroy(kLong, nullptr) && self.IsRunning() ? 7 : 8; });
+    EXPECT_FALSE(runnable.IsRunning());
+    ASSERT_TRUE(runnable.start(50, true, 0));
+    EXPECT_TRUE(runnable.IsRunning());
+    runnable.requestExit();
+    EXPECT_EQ(7, runnable.join());
+    EXPECT_FALSE(runnable.IsRunning());
+}
+
+TEST(Runnable, TheCurrentOneIsTheOneWhoseThreadAsks)
+{
+    EXPECT_EQ(nullptr, CRunnable::Current());
+    CTestRunnable runnable([](CRunnable& self) { return CRunnable::Current() == &self ? 7 : 8; });
+    ASSERT_TRUE(runnable.start(50, true, 0));
+    EXPECT_EQ(7, runnable.join());
+    std::thread([] { EXPECT_EQ(nullptr, CRunnable::Current()); }).join();
+}
+
+TEST(Runnable, ItsEndIsAwaitedUntilTheDeadline)
+{
+    using Clock = std::chrono::steady_clock;
+    CTestRunnable runnable([](CRunnable& self) { return self.TestDestroy(kLong, nullptr) ? 7 : 8; });
+    EXPECT_TRUE(runnable.AwaitEnd(Clock::time_point::max())) << "before the start there is nothing to wait for";
+    ASSERT_TRUE(runnable.start(50, true, 0));
+    EXPECT_FALSE(runnable.AwaitEnd(Clock::now()));
+    const auto taken = TimeOf([&] { EXPECT_FALSE(runnable.AwaitEnd(Clock::now() + 30ms)); });
+    EXPECT_LE(30ms, taken);
+    runnable.requestExit();
+    EXPECT_TRUE(runnable.AwaitEnd(Clock::time_point::max()));
+    EXPECT_EQ(7, runnable.join());
+    EXPECT_TRUE(runnable.AwaitEnd(Clock::now()));
+}
+
+TEST(Runnable, WhoeverAwaitsTheEndInterruptsAgainAndAgain)
+{
+    int ends[2];
+    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+    CTestRunnable runnable([&](CRunnable& self) {
+        char byte = 0;
+        while (!self.TestDestroy() || read(ends[0], &byte, 1) != -1 || errno != EINTR)
+            ;
+        return 7;
+    });
+    ASSERT_TRUE(runnable.start(50, true, 0));
+    auto ended =
+        std::async(std::launch::async, [&] { return runnable.AwaitEnd(std::chrono::steady_clock::time_point::max()); });
+    runnable.requestExit(); // interrupts nothing by itself
+    EXPECT_EQ(std::future_status::ready, ended.wait_for(10s));
+    close(ends[1]);
+    EXPECT_EQ(7, runnable.join());
+    close(ends[0]);
+}
+
+TEST(ExitListener, IsCalledOnceWhenExitIsRequested)
+{
+    CTestRunnable runnable([](CRunnable&) { return 0; });
+    int calls = 0;
+    const CExitListener listener(&runnable, [&calls] { ++calls; });
+    EXPECT_EQ(0, calls);
+    runnable.requestExit();
+    runnable.requestExit();
+    EXPECT_EQ(1, calls);
+}
+
+TEST(ExitListener, IsCalledAtOnceWhenExitHasBeenRequested)
+{
+    CTestRunnable runnable([](CRunnable&) { return 0; }, true);
+    int calls = 0;
+    const CExitListener listener(&runnable, [&calls] { ++calls; });
+    EXPECT_EQ(1, calls);
+}
+
+TEST(ExitListener, IsNotCalledAfterItsEndOrWithoutARunnable)
+{
+    CTestRunnable runnable([](CRunnable&) { return 0; });
+    int calls = 0;
+    const auto count = [&calls] { ++calls; };
+    const CExitListener nobodys(nullptr, count);
+    {
+        const CExitListener listener(&runnable, count);
+    }
+    runnable.requestExit();
+    EXPECT_EQ(0, calls);
 }
 
 } // namespace
