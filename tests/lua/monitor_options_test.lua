@@ -97,3 +97,22 @@ function TestOptions.testUsageNamesEveryOption()
     lu.assertStrContains(options.Usage, word)
   end
 end
+
+function TestOptions.testABeatIsAWholeNumberOfSeconds()
+  lu.assertNil(options.Parse({ "/etc" }).every)
+  for word, seconds in pairs({ ["1"] = 1, ["60"] = 60, ["007"] = 7, ["1000000000"] = 1e9 }) do
+    lu.assertEquals(options.Parse({ "--every", word, "/etc" }).every, seconds)
+  end
+  for _, word in ipairs({ "0", "-1", "1.5", "", "x", "0x10", "1e3", " 1", "1000000001" }) do
+    local chosen, problem = options.Parse({ "--every", word, "/etc" })
+    lu.assertNil(chosen)
+    lu.assertEquals(problem, ("kx_agent: --every '%s': not a whole number of seconds, at least 1\n"):format(word))
+  end
+  lu.assertEquals(select(2, options.Parse({ "/etc", "--every" })), "kx_agent: --every needs a number of seconds\n")
+end
+
+function TestOptions.testStrictHasNoMeaningForABeat()
+  local chosen, problem = options.Parse({ "--strict", "--every", "5", "/etc" })
+  lu.assertNil(chosen)
+  lu.assertEquals(problem, "kx_agent: --strict is about the end of one scan, and --every has none\n")
+end

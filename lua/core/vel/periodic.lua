@@ -12,12 +12,12 @@ local function monotonicSeconds()
 end
 
 -- Calls work() at once, and then every so many seconds until the runnable is asked to exit. Beats are counted from the
--- beginning, so neither work that takes its time nor late wake-ups add up; beats that fall into the work are left out. A
--- runnable that is waiting for the next beat ends at once when asked.
+-- beginning, so neither work that takes its time nor late wake-ups add up; beats that fall into the work are left out.
+-- A runnable that is waiting for the next beat ends at once when asked.
 --
 -- seconds:  more than 0
--- isWanted: optional; asked about once a second while waiting. When it gives true, work() is called at once, besides the
---           beat.
+-- isWanted: optional; asked about once a second while waiting. When it gives true, work() is called at once, besides
+--           the beat.
 -- now:      optional; gives seconds of a clock that is never set
 --
 -- Errors: an error of work() ends the loop.

@@ -14,6 +14,7 @@ run over a FOLDER takes its baseline.
 Symbolic links are followed where they are named as a FOLDER only. /proc and /sys are left out unless named, and so are
 the agent's own log, events and baseline.
 
+  --every SECONDS    scan again and again, with so many seconds from start to start, until the agent is stopped
   --exclude PATTERN  leave out what matches; an excluded folder is not entered. PATTERN is a shell wildcard: without
                      "/" it matches the name of a file or folder at any depth, with "/" the whole path. May be repeated.
   --json             print one JSON document instead of tables
@@ -30,22 +31,47 @@ be used; 2 on wrong usage; 10 with --strict.
 -- Options without a value, and the field they set.
 local switches = { ["--json"] = "json", ["--list"] = "list", ["--reset"] = "reset", ["--strict"] = "strict" }
 
--- Result: the checked pattern, or nil and a complete text for standard error.
-local function readPattern(word)
+-- Seconds; a longest wait of more than 30 years is a mistake.
+local mostSeconds = 1e9
+
+-- Options with a value: the words for what is missing without one, and a function that takes the value into `chosen` or
+-- returns what is wrong with it.
+local settings = {
+  ["--every"] = {
+    needs = "a number of seconds",
+    Take = function(chosen, word)
+      local seconds = word:find("^%d+$") and tonumber(word)
+      if not seconds or seconds < 1 or seconds > mostSeconds then
+        return "not a whole number of seconds, at least 1"
+      end
+      chosen.every = seconds
+      return nil
+    end,
+  },
+  ["--exclude"] = {
+    needs = "a pattern",
+    Take = function(chosen, word)
+      local checked, reason = pattern.Check(word)
+      table.insert(chosen.exclusions, checked)
+      return reason
+    end,
+  },
+}
+
+-- Result: nil, or a complete text for standard error.
+local function takeSetting(chosen, option, word)
+  local setting = settings[option]
   if not word then
-    return nil, "kx_agent: --exclude needs a pattern\n"
+    return ("kx_agent: %s needs %s\n"):format(option, setting.needs)
   end
-  local checked, reason = pattern.Check(word)
-  if not checked then
-    return nil, ("kx_agent: --exclude '%s': %s\n"):format(text.Printable(word), reason)
-  end
-  return checked
+  local reason = setting.Take(chosen, word)
+  return reason and ("kx_agent: %s '%s': %s\n"):format(option, text.Printable(word), reason)
 end
 
 -- words: array of texts, as in the global `arg` (what stands at 0 and below is not looked at).
--- Result: { folders = array of paths as given, exclusions = array of checked patterns, help =, json =, list =,
--- reset =, strict = booleans }, or nil and a complete text for standard error. --help needs no folder; the words behind
--- it do not count.
+-- Result: { folders = array of paths as given, exclusions = array of checked patterns, every = seconds or nil, help =,
+-- json =, list =, reset =, strict = booleans }, or nil and a complete text for standard error. --help needs no folder;
+-- the words behind it do not count.
 function options.Parse(words)
   local chosen = { folders = {}, exclusions = {}, help = false }
   for _, field in pairs(switches) do
@@ -59,13 +85,12 @@ function options.Parse(words)
       return chosen
     elseif switches[word] then
       chosen[switches[word]] = true
-    elseif word == "--exclude" then
+    elseif settings[word] then
       index = index + 1
-      local checked, problem = readPattern(words[index])
-      if not checked then
+      local problem = takeSetting(chosen, word, words[index])
+      if problem then
         return nil, problem
       end
-      table.insert(chosen.exclusions, checked)
     elseif word:sub(1, 1) == "-" then
       local printable = text.Printable(word)
       return nil, ("kx_agent: unknown option '%s'; 'kx_agent -- --help' lists the options\n"):format(printable)
@@ -78,6 +103,8 @@ function options.Parse(words)
   end
   if #chosen.folders == 0 then
     return nil, options.Usage
+  elseif chosen.every and chosen.strict then
+    return nil, "kx_agent: --strict is about the end of one scan, and --every has none\n"
   end
   return chosen
 end

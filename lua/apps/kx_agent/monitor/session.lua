@@ -15,6 +15,7 @@
 --   Event(fields)    as dom:AgentEventWrite takes them
 --   Now()            seconds of a clock that is never set
 --   paint            see vel.terminal
+--   IsStopping()     whether to end without a result, at once; may be missing
 --   NewProgress(findTotals)  a listener with a method Clear(), or nil; findTotals() gives totals for monitor.progress
 local database = require("vel.database")
 local text = require("vel.text")
@@ -112,6 +113,23 @@ local function newUnreadableRecorder(host, found)
   }
 end
 
+-- What is raised when the host wants the run to end.
+local stopped = {}
+
+local function stopWhenAsked(host)
+  if host.IsStopping and host.IsStopping() then
+    error(stopped, 0)
+  end
+end
+
+-- A listener that ends the scan when the host wants it to, in the middle of a file as well.
+local function newStopper(host)
+  local function check()
+    stopWhenAsked(host)
+  end
+  return { Folder = check, LeftOut = check, Read = check, Unreadable = check }
+end
+
 -- Scans the folders and compares them with the baseline. Result: whether every named one could be read.
 local function scanFolders(run)
   local host, found = run.host, run.found
@@ -130,7 +148,7 @@ local function scanFolders(run)
       end
     end,
   })
-  local listeners = { run.policy, comparison, table.unpack(told) }
+  local listeners = { newStopper(host), run.policy, comparison, table.unpack(told) }
   listeners[#listeners + 1] = run.progress
   return scan.Run(run.chosen.folders, listeners, newExcludes(host, run.policy))
 end
@@ -148,6 +166,12 @@ local function addCounts(run)
   end
 end
 
+-- Whether a run among many is worth an event of its own.
+local function isEventful(outcome)
+  return outcome.isReset or not outcome.isComplete
+    or outcome.added + outcome.changed + outcome.removed + outcome.taken > 0
+end
+
 -- The whole run with an open baseline. Raises an error when something stands in the way.
 local function carryOut(run)
   local host, outcome = run.host, run.outcome
@@ -162,11 +186,14 @@ local function carryOut(run)
   local ending = outcome.isReset and "reset" or outcome.isComplete and "complete" or "incomplete"
 
   for change in run.found:Changes() do
+    stopWhenAsked(host)
     host.Event(events.OfChange(change))
   end
   run.output:Findings(run.counts, run.found)
   host.Flush()
-  host.Event(events.OfRun(ending, report.Summary(outcome), run.chosen.folders))
+  if not run.chosen.every or isEventful(outcome) then
+    host.Event(events.OfRun(ending, report.Summary(outcome), run.chosen.folders))
+  end
   run.found:Commit()
   outcome.result = outcome.isReset and "reset" or "compared"
 end
@@ -190,9 +217,16 @@ local function newOutcome(chosen, host, active, problems)
   return outcome
 end
 
--- Database failures as they are, everything else with the place where it happened.
+-- Database failures and the wish to stop as they are, everything else with the place where it happened.
 local function keepFailure(problem)
-  return database.FailureOf(problem) or debug.traceback(tostring(problem), 2)
+  return problem == stopped and stopped or database.FailureOf(problem) or debug.traceback(tostring(problem), 2)
+end
+
+-- What was found so far is found again by the next run.
+local function abandon(run)
+  run.outcome.reason = "stopped before its end"
+  run.host.Log("message", "monitor run stopped before its end; the baseline is the old one")
+  run.output:End(run.outcome)
 end
 
 local function fail(run, reason)
@@ -219,6 +253,8 @@ local function runWithBaseline(run, db)
     run.host.Flush()
     run.host.Log("message", report.Summary(run.outcome))
     return
+  elseif problem == stopped then
+    return abandon(run)
   end
   local failure = database.FailureOf(problem)
   if failure then
