@@ -15,6 +15,7 @@ local dom = {
     LogTrace = {},
     LogTraceIsEnabled = {},
     Set = {},
+    StartRunnable = {},
     TimeNowMillis = {},
   },
 }

@@ -60,9 +60,40 @@ function Dom:LogTraceIsEnabled(module) end
 ---@param value SLB.Dom.Value|nil Whole numbers of up to 64 bits become integers.
 function Dom:Set(key, value) end
 
+---Requires a module in an interpreter and on a thread of its own, and calls its function with the runnable and the values.
+---@param module string Not empty.
+---@param ... SLB.Dom.Value|nil What the function gets behind the runnable.
+---@return SLB.Runnable
+function Dom:StartRunnable(module, ...) end
+
 ---Milliseconds since 1970-01-01 UTC.
 ---@return integer
 function Dom:TimeNowMillis() end
+
+---A module that works in the background. A handle that is collected does not stop it.
+---@class SLB.Runnable
+local Runnable = {}
+
+---The name of the module.
+---@return string
+function Runnable:GetName() end
+
+---Whether it was started and has not ended.
+---@return boolean
+function Runnable:IsRunning() end
+
+---Waits for its end, and gives whether it has ended, and its status then. In the runnable itself: false, at once.
+---@param ms? number Milliseconds; no limit when not given.
+---@return boolean, integer
+function Runnable:Join(ms) end
+
+---Asks it to exit, and interrupts what it waits for.
+function Runnable:RequestExit() end
+
+---Waits for an exit request, and gives whether there is one.
+---@param ms? number Milliseconds; no wait when not given.
+---@return boolean
+function Runnable:TestDestroy(ms) end
 
 ---The domain.
 ---@type SLB.Dom

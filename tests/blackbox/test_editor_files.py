@@ -17,12 +17,22 @@ LUACHECKRC = REPOSITORY / "lua/editor/luacheckrc.lua"
 SAMPLES = {
     "any": "true",
     "integer": "7",
+    "number": "0",
     "string": "'text'",
     "SLB.Dom.AgentEvent": "{ event_number = 7 }",
     "SLB.Dom.Level": "'message'",
     "SLB.Dom.Value|nil": "5",
 }
-RESULTS = {None: "nothing", "any": "boolean", "boolean": "boolean", "integer": "number", "string": "string", "string[]": "table"}
+RESULTS = {
+    None: "nothing",
+    "any": "boolean",
+    "boolean": "boolean",
+    "boolean,": "boolean",
+    "integer": "number",
+    "SLB.Runnable": "userdata",
+    "string": "string",
+    "string[]": "table",
+}
 
 
 @dataclass
@@ -46,16 +56,16 @@ def paragraphs():
 
 
 def parse_name(line, annotation):
-    match = re.fullmatch(rf"---@{annotation} (\w+)(\??) (\S+)( .+)?", line)
+    match = re.fullmatch(rf"---@{annotation} (\w+|\.\.\.)(\??) (\S+)( .+)?", line)
     assert match, f"not a @{annotation}: {line}"
-    return Name(match[1], match[3], match[2] == "?")
+    return Name(match[1], match[3], match[2] == "?" or match[1] == "...")
 
 
 def parse_method(lines):
     """A summary, a @param for each parameter in order, a @return if any, the head: nothing else."""
     summary, *annotations, head = lines
     assert re.fullmatch("---[A-Z].+[.]", summary), summary
-    name, names = re.fullmatch(r"function Dom:(\w+)\(([\w, ]*)\) end", head).groups()
+    name, names = re.fullmatch(r"function \w+:(\w+)\(([\w, .]*)\) end", head).groups()
     result = None
     if annotations and annotations[-1].startswith("---@return "):
         result = annotations.pop().split(" ")[1]
@@ -64,9 +74,18 @@ def parse_method(lines):
     return name, Method(parameters, result)
 
 
+def methods_of(paragraphs, table):
+    return dict(parse_method(lines) for lines in paragraphs if lines[-1].startswith(f"function {table}:"))
+
+
 @pytest.fixture(scope="module")
 def methods(paragraphs):
-    return dict(parse_method(lines) for lines in paragraphs if lines[-1].startswith("function "))
+    return methods_of(paragraphs, "Dom")
+
+
+@pytest.fixture(scope="module")
+def runnable_methods(paragraphs):
+    return methods_of(paragraphs, "Runnable")
 
 
 @pytest.fixture(scope="module")
@@ -118,44 +137,63 @@ def test_stub_has_every_method(installation, methods):
     assert sorted(methods) == sorted(installation.run().out.split())
 
 
-def test_stub_has_the_parameters_of_the_domain_page(methods, event_fields):
-    signatures = re.findall(r"^\| `dom:(\w+)([({].*?[)}])`", (DOCS / "DOMAIN.md").read_text(), re.M)
-    assert len(signatures) == len(methods)
+def test_stub_has_every_method_of_a_runnable(installation, runnable_methods):
+    installation.write_app(main=f"for name in pairs(getmetatable({RUNNABLE}).__index) do print(name) end")
 
-    for name, signature in signatures:
-        if signature.startswith("{"):
-            assert [field.name for field in event_fields] == re.findall(r"(\w+)=", signature)
-            continue
-        required, *optional = signature.split("[")
-        named = [Name(word, "", False) for word in re.findall(r"\w+", required)]
-        named += [Name(word, "", True) for part in optional for word in re.findall(r"\w+", part)]
-        assert [(each.name, each.is_optional) for each in named] == [(each.name, each.is_optional) for each in methods[name].parameters]
+    assert sorted(runnable_methods) == sorted(installation.run().out.split())
 
 
-def test_methods_give_what_the_stub_says_with_and_without_optional_arguments(installation, methods):
-    expressions, wanted = [], []
+def signatures(object_name):
+    """What DOMAIN.md says of an object's methods: (name, text behind the name)."""
+    return re.findall(rf"^\| `{object_name}:(\w+)([({{].*?[)}}])`", (DOCS / "DOMAIN.md").read_text(), re.M)
+
+
+def parameters_in(signature):
+    required, *optional = signature.split("[")
+    words = [(word, word == "...") for word in re.findall(r"\w+|\.\.\.", required)]
+    return words + [(word, True) for part in optional for word in re.findall(r"\w+", part)]
+
+
+def test_stub_has_the_parameters_of_the_domain_page(methods, runnable_methods, event_fields):
+    for object_name, described in (("dom", methods), ("runnable", runnable_methods)):
+        listed = signatures(object_name)
+        assert len(listed) == len(described)
+        for name, signature in listed:
+            if signature.startswith("{"):
+                assert [field.name for field in event_fields] == re.findall(r"(\w+)=", signature)
+                continue
+            assert parameters_in(signature) == [(each.name, each.is_optional) for each in described[name].parameters]
+
+
+def good_calls(object_name, methods):
+    """Calls with and without the optional arguments, and what they give."""
     for name, method in methods.items():
         samples = [SAMPLES[parameter.kind] for parameter in method.parameters]
         needed = sum(not parameter.is_optional for parameter in method.parameters)
         for count in range(needed, len(samples) + 1):
-            expressions.append(f"dom:{name}({', '.join(samples[:count])})")
-            wanted.append("nil" if method.result == "any" and count == needed else RESULTS[method.result])
-
-    assert_all_match(expressions, wanted, call(installation, expressions))
+            yield f"{object_name}:{name}({', '.join(samples[:count])})", "nil" if method.result == "any" and count == needed else RESULTS[method.result]
 
 
-def test_methods_refuse_what_the_stub_does_not_allow(installation, methods):
-    expressions, wanted = [], []
+def bad_calls(object_name, methods):
+    """Calls with a wrong argument or without one that is needed, and how they are refused."""
     for name, method in methods.items():
         before = []
         for position, parameter in enumerate(method.parameters, 1):
             if parameter.kind != "any":
-                expressions.append(f"dom:{name}({', '.join([*before, 'print'])})")
-                wanted.append(refused(name, position))
+                yield f"{object_name}:{name}({', '.join([*before, 'print'])})", refused(name, position)
             if not parameter.is_optional:
-                expressions.append(f"dom:{name}({', '.join(before)})")
-                wanted.append(refused(name, position))
+                yield f"{object_name}:{name}({', '.join(before)})", refused(name, position)
             before.append(SAMPLES[parameter.kind])
+
+
+# A runnable that ends at once, as there is no such module.
+RUNNABLE = "dom:StartRunnable('none')"
+
+
+@pytest.mark.parametrize("calls", [good_calls, bad_calls])
+def test_methods_take_what_the_stub_says_and_refuse_everything_else(installation, methods, runnable_methods, calls):
+    cases = [*calls("dom", methods), *calls(RUNNABLE, runnable_methods)]
+    expressions, wanted = zip(*cases)
 
     assert_all_match(expressions, wanted, call(installation, expressions))
 

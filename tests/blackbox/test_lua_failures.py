@@ -87,6 +87,17 @@ end
 return scan
 """
 
+WORK = """local scan = require('inventory.scan')
+local work = {}
+
+function work.run(runnable, folder)
+  local found = scan.folder(folder or '/etc')
+  return found
+end
+
+return work
+"""
+
 NESTED_LOADS = {
     "inventory/scan.lua": "local walk = require('inventory.walk')\nreturn {}\n",
     "inventory/walk.lua": "local limits = {}\nlimits.depth = limits.max.depth\nreturn limits\n",
@@ -239,6 +250,15 @@ KINDS = {
     "dom_log_without_a_text": fails("dom:Log('error')"),
     "dom_called_with_a_dot": fails("dom.Get('app.name')"),
     "dom_without_such_a_method": fails("dom:Fetch('app.name')"),
+    # Runnables
+    "start_runnable_with_a_table": fails("dom:StartRunnable('inventory.scan', 1, {})"),
+    "runnable_error": Kind(
+        {"inventory.lua": module("return select(2, dom:StartRunnable('inventory.work'):Join())"), "inventory/scan.lua": SCAN, "inventory/work.lua": WORK}
+    ),
+    "runnable_not_found": fails("return select(2, dom:StartRunnable('inventory.work'):Join())"),
+    "runnable_without_a_function": Kind(
+        {"inventory.lua": module("return select(2, dom:StartRunnable('inventory.scan'):Join())"), "inventory/scan.lua": SCAN}
+    ),
     # Names longer than Lua shows
     "long_path_of_an_archive": Kind(
         {"inventory.lua": module("local scan = require('collectors.network.interfaces.scan')\nlocal found = scan.folder('eth0')")},
