@@ -242,12 +242,13 @@ def test_ten_thousand_starts_leave_memory_threads_and_descriptors_as_they_were(i
     assert after[2] <= before[2], "descriptors"
 
 
-def test_runnables_print_whole_texts(installation):
-    write_runnable(installation, "worker", "for i = 1, 500 do io.write(('%d'):format((...)):rep(50) .. '\\n') end")
+@pytest.mark.parametrize("printed", ["print(text, text, ...)", "io.write(text .. '\\t' .. text .. '\\t' .. ... .. '\\n')"])
+def test_lines_of_several_runnables_do_not_mix(installation, printed):
+    write_runnable(installation, "worker", f"local text = ('x'):rep(50) for i = 1, 500 do {printed} end")
 
     shown = run(installation, "local all = {} for i = 1, 8 do all[i] = dom:StartRunnable('worker', i) end for i = 1, 8 do all[i]:Join() end")
 
-    assert sorted(shown) == sorted([str(i) * 50 for i in range(1, 9)] * 500)
+    assert sorted(shown) == sorted(["\t".join(["x" * 50, "x" * 50, str(i)]) for i in range(1, 9)] * 500)
 
 
 def test_a_service_rests_while_its_runnables_wait(installation):

@@ -19,26 +19,30 @@ LuaOutput& OutputOf(lua_State* L)
     return *static_cast<LuaOutput*>(lua_touserdata(L, lua_upvalueindex(1)));
 }
 
-// As Lua's own, but to the state's output. Upvalue: the output.
+// As Lua's own, but to the state's output, and the line in one piece: other threads print as well. Upvalue: the output.
 int Print(lua_State* L)
 {
-    LuaOutput& output = OutputOf(L);
     const int count = lua_gettop(L);
     lua_getglobal(L, "tostring");
+    luaL_Buffer line;
+    luaL_buffinit(L, &line);
     for (int i = 1; i <= count; ++i) {
+        if (i > 1)
+            luaL_addchar(&line, '\t');
         lua_pushvalue(L, count + 1);
         lua_pushvalue(L, i);
         lua_call(L, 1, 1);
-        std::size_t length = 0;
-        const char* text = lua_tolstring(L, -1, &length);
-        if (!text)
+        if (!lua_tostring(L, -1))
             return luaL_error(L, "'tostring' must return a string to 'print'");
-        if (i > 1)
-            output.Write("\t", 1);
-        output.Write(text, length);
-        lua_pop(L, 1);
+        luaL_addvalue(&line);
     }
-    output.Write("\n", 1);
+    luaL_addchar(&line, '\n');
+    luaL_pushresult(&line);
+
+    std::size_t length = 0;
+    const char* text = lua_tolstring(L, -1, &length);
+    LuaOutput& output = OutputOf(L);
+    output.Write(text, length);
     output.Flush();
     return 0;
 }
