@@ -216,6 +216,7 @@ def test_a_queue_leads_from_runnable_to_runnable(installation):
 # Many
 
 
+@pytest.mark.address_space
 def test_ten_thousand_starts_leave_memory_threads_and_descriptors_as_they_were(installation):
     installation.write_module("worker", "return function(self, number) return number % 100 end")
     measure = """

@@ -202,6 +202,7 @@ def test_sigint_ends_the_process_beside_runnables(installation):
     assert await_end(process).status == 0
 
 
+@pytest.mark.without_tsan
 def test_a_crash_of_a_runnable_is_one_of_the_process(installation):
     installation.write_module("worker", "return function() require('posix.signal').raise(11) end")
     installation.write_app(main="dom:StartRunnable('worker'):Join()")

@@ -3,8 +3,6 @@
 import sqlite3
 from contextlib import closing
 
-import pytest
-
 from agentbox import DEADLINE_S, LONG_LOOP
 
 # A minute in full.
@@ -49,7 +47,6 @@ end
 """
 
 
-@pytest.mark.slow
 def test_eight_runnables_and_the_application_use_all_that_is_shared(installation):
     installation.write_module("work", WORK)
     installation.write_module("worker", "return function(self, name, seconds) require('work')(name, seconds) end")
@@ -76,7 +73,7 @@ def test_eight_runnables_and_the_application_use_all_that_is_shared(installation
     logs = [installation.log_file(), *installation.log_file().parent.glob("*.log.*")]
     texts = [line.split("Message: ", 1)[1].rstrip("\n") for path in logs for line in open(path) if "Message: " in line]
     if len(logs) < 6:  # with more of them the oldest records are gone
-        assert sorted(text for text in texts) == sorted(wanted)
+        assert sorted(texts) == sorted(wanted)
     with closing(sqlite3.connect(installation.work / "agent_events.db")) as database:
         stored = [text for (text,) in database.execute("SELECT CAST(description AS TEXT) FROM agent_event")]
     assert sorted(stored) == sorted(f"{name} {n}" for name, count in rounds.items() for n in range(200, count + 1, 200))

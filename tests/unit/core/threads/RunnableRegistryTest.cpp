@@ -164,4 +164,16 @@ TEST(RunnableRegistry, OneThatDoesNotEndIsNamed)
     EXPECT_TRUE(registry.StopAll(10s));
 }
 
+TEST(RunnableRegistry, AStartThatIsNotPossibleIsARecord)
+{
+    const VelTest::CLogCapture log;
+    CRunnableRegistry registry;
+    auto runnable = Make([](CRunnable&) { return 7; });
+    ASSERT_TRUE(registry.Start(runnable));
+    EXPECT_EQ(7, runnable->join());
+    EXPECT_FALSE(registry.Start(runnable)) << "a thread runs once";
+    EXPECT_EQ("Runnable 'scanner' could not be started", log.Texts(wxLOG_Error).back());
+    EXPECT_TRUE(registry.StopAll(10s));
+}
+
 } // namespace
