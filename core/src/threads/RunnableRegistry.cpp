@@ -17,7 +17,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // How long one of those that are asked to exit is waited for before all are interrupted again.
-const std::chrono::milliseconds kRound{50};
+const std::chrono::milliseconds kRound{100};
 
 void ReportUnwilling(const CRunnable& runnable, std::chrono::milliseconds patience)
 {
