@@ -252,6 +252,7 @@ def test_lines_of_several_runnables_do_not_mix(installation, printed):
     assert sorted(shown) == sorted(["\t".join(["x" * 50, "x" * 50, str(i)]) for i in range(1, 9)] * 500)
 
 
+@pytest.mark.without_tsan
 def test_a_service_rests_while_its_runnables_wait(installation):
     write_runnable(installation, "worker", f"{log('waiting')} while not self:TestDestroy(1e9) do end")
     agent = installation.start_in_background(main="for i = 1, 3 do dom:StartRunnable('worker') end")

@@ -43,6 +43,7 @@ private:
     using Runnables = std::vector<std::shared_ptr<CRunnable>>;
 
     void JoinEnded();
+    Runnables TakeEnded();
     Runnables StartStopping();
 
     std::mutex m_mutex; // guards all below

@@ -5,6 +5,7 @@
 #include <VelCore/RunnableRegistry.h>
 
 #include <algorithm>
+#include <iterator>
 #include <string>
 
 #include <VelCore/Runnable.h>
@@ -35,8 +36,8 @@ CRunnableRegistry& CRunnableRegistry::Get()
 
 bool CRunnableRegistry::Start(const std::shared_ptr<CRunnable>& runnable)
 {
-    const std::lock_guard lock(m_mutex);
     JoinEnded();
+    const std::lock_guard lock(m_mutex);
     if (m_isStopping)
         runnable->requestExit();
     if (!runnable->start(wxPRIORITY_DEFAULT, true, 0)) {
@@ -47,18 +48,27 @@ bool CRunnableRegistry::Start(const std::shared_ptr<CRunnable>& runnable)
     return true;
 }
 
+// Without our lock while it joins: the framework's main thread takes one of its own then.
 void CRunnableRegistry::JoinEnded()
 {
-    const auto ended = std::partition(m_live.begin(), m_live.end(), [](const auto& live) { return live->IsRunning(); });
-    std::for_each(ended, m_live.end(), [](const auto& runnable) { runnable->join(); });
-    m_live.erase(ended, m_live.end());
+    for (const auto& runnable : TakeEnded())
+        runnable->join();
+}
+
+CRunnableRegistry::Runnables CRunnableRegistry::TakeEnded()
+{
+    const std::lock_guard lock(m_mutex);
+    const auto first = std::partition(m_live.begin(), m_live.end(), [](const auto& live) { return live->IsRunning(); });
+    Runnables ended(std::make_move_iterator(first), std::make_move_iterator(m_live.end()));
+    m_live.erase(first, m_live.end());
+    return ended;
 }
 
 CRunnableRegistry::Runnables CRunnableRegistry::StartStopping()
 {
+    JoinEnded();
     const std::lock_guard lock(m_mutex);
     m_isStopping = true;
-    JoinEnded();
     return m_live;
 }
 
