@@ -13,7 +13,14 @@
 namespace VelCore {
 namespace {
 
-enum Kind : char { kNil = 'n', kFalse = 'f', kTrue = 't', kNumber = 'd', kString = 's', kTable = '{', kEnd = '}' };
+// Kinds.
+const char kNil = 'n';
+const char kFalse = 'f';
+const char kTrue = 't';
+const char kNumber = 'd';
+const char kString = 's';
+const char kTable = '{';
+const char kEnd = '}';
 
 // Tables in tables. One that holds itself gets here as well.
 const int kMaxDepth = 100;
