@@ -14,6 +14,7 @@ files["tests/lua"] = {
 -- Defines what the host does, in functions without bodies.
 files["lua/editor/vel.lua"] = {
   globals = { "arg", "dom", "dom0", "velAppModule", "velunit" },
+  ignore = { "241/Runnable" }, -- no global holds one
   unused_args = false,
 }
 

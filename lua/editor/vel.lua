@@ -60,7 +60,7 @@ function Dom:LogTraceIsEnabled(module) end
 ---@param value SLB.Dom.Value|nil Whole numbers of up to 64 bits become integers.
 function Dom:Set(key, value) end
 
----Requires a module in an interpreter and on a thread of its own, and calls its function with the runnable and the values.
+---Requires a module in an interpreter and on a thread of its own, and calls its function with runnable and values.
 ---@param module string Not empty.
 ---@param ... SLB.Dom.Value|nil What the function gets behind the runnable.
 ---@return SLB.Runnable
