@@ -26,7 +26,8 @@ void Prepare(CLuaInterpreter& interpreter)
     lua_setglobal(interpreter.L(), "dom");
 }
 
-// A script with `dom`, a module "waiter" that waits to be asked and returns 7, and "echo" that tells its arguments.
+// A script with `dom`, which goes with the test, so every runnable that uses it is joined there; a module "waiter" that
+// waits to be asked and returns 7, and "echo" that tells its arguments.
 class RunnableBinding : public testing::Test
 {
 protected:
@@ -159,6 +160,7 @@ TEST_F(RunnableBinding, WrongArgumentsAreErrorsThatNameMethodAndPosition)
         EXPECT_EQ(std::string(each.message), Value(std::string("return select(2, pcall(function() local x = ") +
                                                    each.call + " return x end)):gsub('^test:1: ', '')"))
             << each.call;
+    EXPECT_EQ("true 0", Values("r:Join()"));
 }
 
 TEST_F(RunnableBinding, TimesThatAreNoTimesAreTheNearestOnes)
@@ -174,7 +176,8 @@ TEST_F(RunnableBinding, TimesThatAreNoTimesAreTheNearestOnes)
 
 TEST_F(RunnableBinding, ThousandsInARowLeaveNothingBehind)
 {
-    EXPECT_EQ("true", Value("for i = 1, 300 do dom:StartRunnable('echo', i) end "
+    EXPECT_EQ("true", Value("local all = {} for i = 1, 300 do all[i] = dom:StartRunnable('echo', i) end "
+                            "for i = 1, 300 do assert(all[i]:Join()) end "
                             "for i = 1, 300 do assert(dom:StartRunnable('echo', i):Join()) end return true"));
 }
 
