@@ -90,6 +90,7 @@ private:
     // shell/AgentApp_Lifecycle.cpp
     wxString Argument0() const;
     wxFileName ExecutableName() const;
+    void HandleCrashes() const;
 
     // cmdline/AgentApp_CmdLine.cpp
     void TakeIdentity(const wxCmdLineParser& parser);

@@ -11,6 +11,7 @@
 #include <wx/log.h>
 #include <wx/translation.h>
 
+#include <VelCore/CrashHandler.h>
 #include <VelCore/Dom.h>
 #include <VelCore/LuaInterpreter.h>
 
@@ -85,9 +86,21 @@ bool CAgentApp::OnInit()
     if (!wxAppConsole::OnInit())
         return false;
 
+    HandleCrashes();
     if (m_isMainAgent)
         wxLogVerbose(L"VEL %s starting.", kAgentVersionText);
     return true;
+}
+
+// From here on a crash leaves a dump in the work folder.
+void CAgentApp::HandleCrashes() const
+{
+    bool full = false;
+    m_dom->Get(DomainKeys::kFullDump, full);
+    for (const char* key : {DomainKeys::kVersion, DomainKeys::kPathExe, DomainKeys::kPathWork})
+        VelCore::NoteForCrash(key, m_dom->Get(key));
+    const wxFileName dump(m_dom->GetPluginWorkdirWx(L"diag"), GetAppName(), L"mdmp");
+    VelCore::InitCrashHandler(dump.GetFullPath(), GetAppName(), full);
 }
 
 int CAgentApp::OnExit()

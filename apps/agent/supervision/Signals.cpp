@@ -130,8 +130,11 @@ void PrepareForStop()
     // Blocked first: a signal that comes while its disposition changes must not be lost.
     const sigset_t stop = SetOf({SIGTERM});
     sigprocmask(SIG_SETMASK, &stop, nullptr);
-    for (int signal = 1; signal < NSIG; ++signal)
-        SetDisposition(signal, SIG_DFL, 0); // refused for the few that cannot be changed
+    for (int signal = 1; signal < NSIG; ++signal) {
+        struct sigaction present = {};
+        if (sigaction(signal, nullptr, &present) == 0 && present.sa_handler == SIG_IGN)
+            SetDisposition(signal, SIG_DFL, 0);
+    }
 }
 
 void ArmWatchdogSignals(const wxString& pidFile)

@@ -22,6 +22,7 @@
 #include "lua/LuaProcess.h"
 #include "lua/PackagePaths.h"
 #include "lua/Queue_Binding.h"
+#include "lua/RunningLua.h"
 #include "lua/TextChunk.h"
 #include "lua/Traceback.h"
 #include "trace/LogText.h"
@@ -162,7 +163,11 @@ int CLuaInterpreter::RunScript(wxInputStream& in, int arguments, int results, co
         outer = m_output->stream;
         m_output->stream = out;
     }
-    const int status = lua_pcall(m_state, arguments, results, base + 1);
+    int status = LUA_OK;
+    {
+        const CRunningLua running(m_state);
+        status = lua_pcall(m_state, arguments, results, base + 1);
+    }
     if (m_output)
         m_output->stream = outer;
 

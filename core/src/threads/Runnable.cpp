@@ -10,6 +10,8 @@
 
 #include <wx/log.h>
 
+#include "crash/AlternateStack.h"
+
 namespace VelCore {
 namespace {
 
@@ -143,6 +145,7 @@ void* CRunnable::Entry()
         CRunnable& m_runnable;
     };
 
+    const CAlternateStack crashStack;
     wxLog::SetThreadActiveTarget(wxLog::GetActiveTarget());
     SetNameForCurrent(wxString::FromUTF8(GetThreadName()));
 

@@ -19,7 +19,9 @@
 #include <VelCore/Dom.h>
 #include <VelCore/Utf8.h>
 
+#include "crash/CrashLog.h"
 #include "process/Descriptors.h"
+#include "time/CivilTime.h"
 #include "trace/RecordText.h"
 
 namespace VelCore {
@@ -54,6 +56,9 @@ const std::string& Stamp(std::time_t when)
         char text[128];
         const std::size_t length = std::strftime(text, sizeof text, ToUtf8(wxLog::GetTimestamp()).c_str(), &local);
         t_stamp.assign(text, length);
+        SetCrashUtcOffset(SecondsOf({local.tm_year + 1900L, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                                     local.tm_min, local.tm_sec}) -
+                          when);
         t_when = when;
     }
     return t_stamp;
@@ -81,6 +86,13 @@ CLogFile& CLogFile::Get()
 void CLogFile::QuietTerminal(bool quiet)
 {
     t_quiet += quiet ? 1 : -1;
+}
+
+void CLogFile::TellCrashHandler()
+{
+    Stamp(std::time(nullptr));
+    const std::lock_guard lock(m_mutex);
+    FollowSettings();
 }
 
 void CLogFile::Append(std::time_t when, std::string_view level, std::string_view text)
@@ -120,6 +132,7 @@ void CLogFile::FollowSettings()
     m_work = work;
     m_fileName = fileName;
     m_rotateAt = s_RotateAt;
+    SetCrashLogPath(work.empty() ? "" : work + "/log/" + fileName);
 }
 
 // Leaves the file locked.

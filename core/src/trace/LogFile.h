@@ -36,6 +36,9 @@ public:
     /// text   UTF-8, escaped here
     void Append(std::time_t when, std::string_view level, std::string_view text);
 
+    /// Lets a crash write its records where this object writes, and in local time, also when nothing was logged before.
+    void TellCrashHandler();
+
     /// Switches showing records on a terminal off and on again for the calling thread; calls nest.
     static void QuietTerminal(bool quiet);
 

@@ -1,0 +1,134 @@
+// Dump first, then the record, then the calls in Lua.
+//
+// Tested by: blackbox/test_crash_dumps.py.
+
+#include "crash/CrashDump.h"
+
+#include <cerrno>
+#include <ctime>
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "crash/CrashLog.h"
+#include "crash/CrashNotes.h"
+#include "crash/CrashReport.h"
+#include "crash/DumpFile.h"
+#include "crash/MinidumpWriter.h"
+#include "lua/RunningLua.h"
+#include "process/Descriptors.h"
+
+namespace VelCore {
+namespace {
+
+// For walking through a Lua state, which takes microseconds when it is in order.
+const int kLuaPatienceMs = 1000;
+
+ProcessSnapshot g_snapshot;
+
+std::string_view Notes()
+{
+    static char memory[40960];
+    CTextBuffer text(memory, sizeof memory);
+    AddCrashNotes(text);
+    return text.Text();
+}
+
+void AddPath(const DumpSettings& settings, CTextBuffer& text)
+{
+    text.Add(settings.folder).Add("/").Add(settings.name);
+}
+
+void RecordSuccess(const CrashSite& site, const DumpSettings& settings)
+{
+    char memory[8192];
+    CTextBuffer text(memory, sizeof memory);
+    AddCrash(site, text);
+    text.Add(", dump in ");
+    AddPath(settings, text);
+    if (g_snapshot.threadsNotStopped > 0)
+        text.Add(" without ")
+            .AddNumber(static_cast<std::int64_t>(g_snapshot.threadsNotStopped))
+            .Add(" other threads, which the system does not let us look at");
+    WriteCrashRecord(site.process, text.Text());
+}
+
+void RecordFailure(const CrashSite& site, const DumpSettings& settings, const CDumpFile& file)
+{
+    char memory[8192];
+    CTextBuffer text(memory, sizeof memory);
+    AddCrash(site, text);
+    text.Add("; no dump could be written: '");
+    AddPath(settings, text);
+    text.Add("': ").Add(file.FailedAction()).Add(": ").Add(ErrorText(file.Error()));
+    WriteCrashRecord(site.process, text.Text());
+}
+
+// The text that a forked process makes of the state; empty when it takes too long. What there is of it when the process
+// crashes.
+std::string_view TakeLuaCalls(lua_State* L)
+{
+    static char memory[16384];
+    int ends[2];
+    if (pipe(ends) != 0)
+        return {};
+    const pid_t child = ForkInHandler();
+    if (child == 0) {
+        EndWithParent();
+        CTextBuffer text(memory, sizeof memory);
+        AddLuaCalls(L, text);
+        WriteAll(ends[1], text.Text()); // a pipe holds as much
+        _exit(0);
+    }
+    close(ends[1]);
+    struct pollfd readable = {ends[0], POLLIN, 0};
+    std::size_t length = 0;
+    while (child > 0 && poll(&readable, 1, kLuaPatienceMs) > 0) {
+        const ssize_t part = read(ends[0], memory + length, sizeof memory - length);
+        if (part <= 0)
+            break;
+        length += static_cast<std::size_t>(part);
+    }
+    close(ends[0]);
+    if (child > 0) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+    return {memory, length};
+}
+
+void TellLuaCalls(const CrashSite& site, CMinidumpWriter* writer)
+{
+    lua_State* const L = RunningLua();
+    const std::string_view calls = L ? TakeLuaCalls(L) : std::string_view();
+    if (calls.empty())
+        return;
+    if (writer)
+        writer->AddLuaTraceback(calls);
+
+    static char memory[16384];
+    CTextBuffer text(memory, sizeof memory);
+    text.Add("The crashed thread was running Lua\n").Add(calls);
+    WriteCrashRecord(site.process, text.Text());
+}
+
+} // namespace
+
+void DumpCrashedProcess(const CrashSite& site, const DumpSettings& settings)
+{
+    CDumpFile file;
+    CMinidumpWriter writer(file, SnapshotMemory());
+    errno = ENOSYS;
+    const bool isKept = TakeSnapshot(site, g_snapshot) && file.Create(settings.folder, settings.name, site.process) &&
+                        writer.Write(g_snapshot, Notes(), settings.full) && file.Keep();
+    if (isKept)
+        RecordSuccess(site, settings);
+    else {
+        file.Discard();
+        RecordFailure(site, settings, file);
+    }
+    TellLuaCalls(site, isKept ? &writer : nullptr);
+}
+
+} // namespace VelCore

@@ -1,0 +1,208 @@
+// The signals of a crash: a fork writes the dump, and the process dies.
+//
+// The handler itself does next to nothing, because everything around it may be broken. Its signals stay open while it
+// runs, so that a crash in it is noticed, too.
+//
+// Tested by: blackbox/test_crash_dumps.py.
+
+#include <VelCore/CrashHandler.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <wx/log.h>
+
+#include <VelCore/Dom.h>
+#include <VelCore/Utf8.h>
+
+#include "crash/AlternateStack.h"
+#include "crash/CrashDump.h"
+#include "crash/CrashLog.h"
+#include "crash/CrashReport.h"
+#include "crash/DumpFile.h"
+#include "process/Descriptors.h"
+#include "trace/LogFile.h"
+
+namespace VelCore {
+namespace {
+
+const int kSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT};
+
+const int kPatienceMs = 10000;
+const int kFullPatienceMs = 60000;
+
+DumpSettings g_settings;
+
+// Process and thread that handles its crash, 32 bits each. Both, because a fork inherits the variable, and not the crash.
+std::atomic<std::uint64_t> g_owner{0};
+std::atomic<int> g_firstSignal{0};
+std::atomic<bool> g_hasReported{false};
+
+std::uint64_t OwnerOf(pid_t process, pid_t thread)
+{
+    return static_cast<std::uint64_t>(process) << 32 | static_cast<std::uint32_t>(thread);
+}
+
+void SetDefault(int signal)
+{
+    struct sigaction action = {};
+    action.sa_handler = SIG_DFL;
+    sigemptyset(&action.sa_mask);
+    sigaction(signal, &action, nullptr);
+}
+
+[[noreturn]] void Die(int signal)
+{
+    SetDefault(signal);
+    sigset_t only;
+    sigemptyset(&only);
+    sigaddset(&only, signal);
+    pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
+    RaiseInThread(signal);
+    _exit(128 + signal); // the first process of a container does not die of a signal that it sends to itself
+}
+
+void RecordNoDump(const CrashSite& site, std::string_view reason)
+{
+    char memory[1024];
+    CTextBuffer text(memory, sizeof memory);
+    AddCrash(site, text);
+    text.Add("; no dump could be written: ").Add(reason);
+    WriteCrashRecord(site.process, text.Text());
+}
+
+std::int64_t NowMs()
+{
+    struct timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Waits for the end of the process. Returns false when it takes too long; it is then killed.
+bool AwaitDumpProcess(pid_t child, int& status)
+{
+    const std::int64_t end = NowMs() + (g_settings.full ? kFullPatienceMs : kPatienceMs);
+    for (;;) {
+        const pid_t ended = waitpid(child, &status, WNOHANG);
+        if (ended == child || (ended < 0 && errno != EINTR))
+            return true;
+        if (NowMs() > end)
+            break;
+        poll(nullptr, 0, 1);
+    }
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+    return false;
+}
+
+[[noreturn]] void RunDumpProcess(const CrashSite& site)
+{
+    for (const int signal : kSignals)
+        SetDefault(signal);
+    EndWithParent();
+    CloseDescriptorsFrom(STDERR_FILENO + 1);
+    DumpCrashedProcess(site, g_settings);
+    _exit(0);
+}
+
+void Dump(const CrashSite& site)
+{
+    // Its end has to be seen, whatever the process did with the ends of its children.
+    SetDefault(SIGCHLD);
+    AllowInspection();
+    const pid_t child = ForkInHandler();
+    if (child == 0)
+        RunDumpProcess(site);
+    if (child < 0) {
+        RecordNoDump(site, ErrorText(errno));
+        return;
+    }
+    int status = 0;
+    if (!AwaitDumpProcess(child, status))
+        RecordNoDump(site, "it took too long");
+    else if (status != 0)
+        RecordNoDump(site, "the process that writes it has crashed");
+}
+
+void OnCrash(int signal, siginfo_t* information, void* context)
+{
+    const CrashSite site = {getpid(), CurrentThread(), signal, information, context};
+    const std::uint64_t self = OwnerOf(site.process, site.thread);
+    std::uint64_t owner = g_owner.load();
+    for (;;) {
+        if (owner == self) {
+            if (!g_hasReported.exchange(true))
+                RecordNoDump(site, "the handler of an earlier crash has crashed");
+            Die(g_firstSignal.load());
+        }
+        if (owner >> 32 == static_cast<std::uint64_t>(site.process))
+            pause(); // another thread has crashed first, and takes this one with it
+        else if (g_owner.compare_exchange_weak(owner, self))
+            break;
+    }
+    g_firstSignal.store(signal);
+    g_hasReported.store(false);
+    Dump(site);
+    Die(signal);
+}
+
+// A handler that somebody has installed for himself stays, as those of the sanitizers.
+void Install(int signal)
+{
+    struct sigaction present = {};
+    sigaction(signal, nullptr, &present);
+    if (present.sa_handler != SIG_DFL && present.sa_handler != SIG_IGN)
+        return;
+    struct sigaction action = {};
+    action.sa_sigaction = OnCrash;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
+    sigfillset(&action.sa_mask);
+    for (const int open : kSignals)
+        sigdelset(&action.sa_mask, open);
+    sigaction(signal, &action, nullptr);
+}
+
+void Copy(const std::string& from, char* to, std::size_t size)
+{
+    const std::size_t length = std::min(from.size(), size - 1);
+    std::memcpy(to, from.data(), length);
+    to[length] = '\0';
+}
+
+void PrepareFolder()
+{
+    if (!MakeFolders(g_settings.folder, 0700)) {
+        wxLogSysError(errno, L"Crash dumps cannot be written: cannot create '%s'", FromUtf8(g_settings.folder));
+        return;
+    }
+    RemoveAbandonedDumps(g_settings.folder, g_settings.name);
+}
+
+} // namespace
+
+void InitCrashHandler(const wxString& path, const wxString& name, bool full)
+{
+    const std::string file = ToUtf8(path);
+    const std::size_t slash = file.rfind('/');
+    Copy(slash == std::string::npos ? "." : file.substr(0, slash), g_settings.folder, sizeof g_settings.folder);
+    Copy(slash == std::string::npos ? file : file.substr(slash + 1), g_settings.name, sizeof g_settings.name);
+    g_settings.full = full;
+    NoteForCrash("app.name", ToUtf8(name));
+    CLogFile::Get().TellCrashHandler();
+    PrepareFolder();
+
+    static const CAlternateStack& stack = *new CAlternateStack; // of the main thread, for as long as it runs
+    (void)stack;
+    for (const int signal : kSignals)
+        Install(signal);
+}
+
+} // namespace VelCore

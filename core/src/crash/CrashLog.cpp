@@ -1,0 +1,113 @@
+// Writing records past the log, whose locks and memory may be in any state.
+//
+// Tested by: unit/core/crash/CrashLogTest.cpp, blackbox/test_crash_dumps.py.
+
+#include "crash/CrashLog.h"
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <ctime>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "crash/SharedText.h"
+#include "crash/TextBuffer.h"
+#include "process/Descriptors.h"
+#include "time/CivilTime.h"
+
+namespace VelCore {
+namespace {
+
+SharedText<PATH_MAX> g_path;
+std::atomic<std::int64_t> g_utcOffset{0};
+
+// A thread of the crashed process may have been stopped while it held the lock. Appends are whole without it, too.
+const int kLockAttempts = 50; // of a millisecond
+
+void AddStamp(CTextBuffer& line)
+{
+    const CivilTime now = CivilTimeOf(time(nullptr) + g_utcOffset.load());
+    line.AddPadded(now.year, 4).Add("-").AddPadded(now.month, 2).Add("-").AddPadded(now.day, 2).Add(" ");
+    line.AddPadded(now.hour, 2).Add(":").AddPadded(now.minute, 2).Add(":").AddPadded(now.second, 2);
+}
+
+int OpenLog(const char* path)
+{
+    return open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+}
+
+void MakeFolderOf(char* path)
+{
+    char* const slash = std::strrchr(path, '/');
+    if (!slash)
+        return;
+    *slash = '\0';
+    mkdir(path, 0700);
+    *slash = '/';
+}
+
+bool IsOurs(int file)
+{
+    struct stat status = {};
+    return fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid();
+}
+
+void Lock(int file)
+{
+    struct flock whole = {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    for (int attempt = 0; attempt < kLockAttempts && fcntl(file, F_SETLK, &whole) != 0; ++attempt)
+        poll(nullptr, 0, 1);
+}
+
+void AppendToLog(std::string_view line)
+{
+    char path[PATH_MAX + 1] = {};
+    CTextBuffer(path, PATH_MAX).Add(g_path.Get());
+    if (path[0] == '\0')
+        return;
+    int file = OpenLog(path);
+    if (file < 0 && errno == ENOENT) {
+        MakeFolderOf(path);
+        file = OpenLog(path);
+    }
+    if (file < 0)
+        return;
+    if (IsOurs(file)) {
+        Lock(file);
+        WriteAll(file, line);
+    }
+    close(file);
+}
+
+} // namespace
+
+void SetCrashLogPath(std::string_view path)
+{
+    g_path.Set(path);
+}
+
+void SetCrashUtcOffset(std::int64_t seconds)
+{
+    g_utcOffset.store(seconds);
+}
+
+void WriteCrashRecord(pid_t process, std::string_view text)
+{
+    static char memory[16384];
+    CTextBuffer line(memory, sizeof memory - 1);
+    AddStamp(line);
+    line.Add(" [").AddNumber(process).Add("] Error: ").AddEscaped(text);
+    const std::size_t length = line.Text().size();
+    memory[length] = '\n';
+    AppendToLog({memory, length + 1});
+    WriteAll(STDERR_FILENO, {memory, length + 1});
+}
+
+} // namespace VelCore
