@@ -138,6 +138,7 @@ private:
     void AppendSpecification(const wxString& token, wxString& zippath);
 
     // luahost/AgentApp_Runner.cpp
+    static void NotePhase(const wchar_t* phase);
     int ReportSetupFailure(const wxString& message, int status);
 
     VelCore::CDom* m_dom = nullptr;                    // the root domain; owned

@@ -5,10 +5,15 @@
  *   TEST_FORK=N          the N-th fork() fails with EAGAIN, counted along a process and its ancestors
  *   TEST_WAITPID=ERROR   the first waitpid() fails with ECHILD
  *   TEST_WAITPID=OTHER   the first waitpid() gives 0
+ *   TEST_WAITPID=CRASH   waitpid() crashes
+ *   TEST_PTRACE=REFUSED  ptrace() fails with EPERM
+ *   TEST_PWRITE=CRASH    pwrite() crashes
+ *   TEST_PWRITE=HANG     pwrite() does not return
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
+#include <stdarg.h>
 #include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -66,9 +71,39 @@ pid_t waitpid(pid_t pid, int *status, int options)
     static int calls = 0;
     const char *how = getenv("TEST_WAITPID");
 
+    if (how && strcmp(how, "CRASH") == 0)
+        __builtin_trap();
     if (how && ++calls == 1) {
         errno = ECHILD;
         return strcmp(how, "ERROR") == 0 ? -1 : 0;
     }
     return ((pid_t(*)(pid_t, int *, int))dlsym(RTLD_NEXT, "waitpid"))(pid, status, options);
+}
+
+long ptrace(int request, ...)
+{
+    va_list arguments;
+    va_start(arguments, request);
+    const pid_t pid = va_arg(arguments, pid_t);
+    void *const address = va_arg(arguments, void *);
+    void *const data = va_arg(arguments, void *);
+    va_end(arguments);
+
+    if (getenv("TEST_PTRACE")) {
+        errno = EPERM;
+        return -1;
+    }
+    return ((long (*)(int, ...))dlsym(RTLD_NEXT, "ptrace"))(request, pid, address, data);
+}
+
+ssize_t pwrite64(int file, const void *bytes, size_t size, off64_t offset)
+{
+    const char *how = getenv("TEST_PWRITE");
+
+    if (how && strcmp(how, "CRASH") == 0)
+        __builtin_trap();
+    if (how && strcmp(how, "HANG") == 0)
+        for (;;)
+            pause();
+    return ((ssize_t(*)(int, const void *, size_t, off64_t))dlsym(RTLD_NEXT, "pwrite64"))(file, bytes, size, offset);
 }

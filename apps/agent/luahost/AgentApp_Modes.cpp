@@ -36,6 +36,7 @@ int CAgentApp::RunService()
     if (rc != 0)
         return rc;
 
+    NotePhase(L"service");
     AwaitSigterm();
     rc = RunAppShutdown();
     UnblockSigterm();
@@ -55,6 +56,7 @@ int CAgentApp::RunUnitTests()
     if (m_unitTestScript.empty())
         return 0;
 
+    NotePhase(L"tests");
     CStandardOutput out;
     alarm(kTestAlarm);
     const std::string chunk = VelCore::ToUtf8(UnitTestChunk(m_unitTestScript));

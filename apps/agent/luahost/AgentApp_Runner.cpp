@@ -11,6 +11,7 @@
 
 #include <lua.hpp>
 
+#include <VelCore/CrashHandler.h>
 #include <VelCore/Log2Disk.h>
 #include <VelCore/LuaInterpreter.h>
 #include <VelCore/LuaRunnable.h>
@@ -29,9 +30,11 @@ using VelCore::LogTraceIsEnabled;
 int CAgentApp::RunAppInit()
 {
     if (m_installPlugins) {
+        NotePhase(L"packages");
         UninstallOldPlugins();
         InstallNewPlugins();
     }
+    NotePhase(L"setup");
     ExpandZippath();
     InstallApplicationSignals();
 
@@ -49,9 +52,16 @@ int CAgentApp::RunAppInit()
     }
 
     VelCore::CLuaRunnable::SetPreparation(PrepareRunnable);
+    NotePhase(L"require");
     if (const int rc = RunCodeSnippet(RequireSnippet(GetAppName())))
         return rc;
     return RunAppMethod(L"init");
+}
+
+// For whoever reads a crash dump.
+void CAgentApp::NotePhase(const wchar_t* phase)
+{
+    VelCore::NoteForCrash("phase", VelCore::ToUtf8(phase));
 }
 
 int CAgentApp::ReportSetupFailure(const wxString& message, int status)
@@ -77,6 +87,7 @@ int CAgentApp::RunAppMethod(const wchar_t* name)
 {
     if (LogTraceIsEnabled(s_Trace))
         LogTrace(s_Trace, __FILE__, __LINE__, "RunAppMethod", wxString::Format(L"Running app's Lua method '%s'", name));
+    NotePhase(name);
     return RunCodeSnippet(MethodSnippet(name));
 }
 

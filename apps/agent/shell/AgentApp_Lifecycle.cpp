@@ -99,6 +99,7 @@ void CAgentApp::HandleCrashes() const
     m_dom->Get(DomainKeys::kFullDump, full);
     for (const char* key : {DomainKeys::kVersion, DomainKeys::kPathExe, DomainKeys::kPathWork})
         VelCore::NoteForCrash(key, m_dom->Get(key));
+    NotePhase(L"start");
     const wxFileName dump(m_dom->GetPluginWorkdirWx(L"diag"), GetAppName(), L"mdmp");
     VelCore::InitCrashHandler(dump.GetFullPath(), GetAppName(), full);
 }

@@ -38,6 +38,7 @@ int CAgentApp::OnRun()
 void CAgentApp::RunWorker()
 {
     BlockSigterm();
+    NotePhase(L"worker");
 
     CScriptThread script;
     script.SetDom(m_dom);

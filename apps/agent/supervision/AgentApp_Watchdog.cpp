@@ -98,6 +98,7 @@ void StopDriver()
 CAgentApp::Role CAgentApp::SuperviseWorker(int& exitCode)
 {
     exitCode = kGiveUp;
+    NotePhase(L"watchdog");
     CRestartPolicy policy;
     int status = 0; // of the last worker
     for (;;) {

@@ -14,15 +14,15 @@ namespace VelCore {
 /// be in order. It gets 10 seconds, a full dump 60. Forks of the process crash for themselves.
 ///
 /// path  of the dump, `<folder>/<file>`. The last eight are kept: `path` is the newest, `path.1` to `path.7` are older.
-///       A missing folder is made, for its owner alone.
+///       A missing folder is made when it is needed, for its owner alone; its parent has to exist.
 /// name  of the application
 /// full  dumps also hold all writable memory
 ///
 /// A signal that somebody else has given a handler keeps it.
 ///
-/// Errors:  a folder that cannot be made is a Warning record; so is a dump that cannot be written, when the time comes.
-/// Threads: before others are started. Threads that are to survive the overflow of their stack for long enough need a
-///          stack for the handler: CRunnable has one.
+/// Errors:  a dump that cannot be written is an Error record when the time comes.
+/// Threads: before others are started. For the overflow of its stack a thread needs another one for the handler: the
+///          calling thread gets it here, and CRunnable has it.
 void InitCrashHandler(const wxString& path, const wxString& name, bool full);
 
 /// Records a value that dumps show from now on, in the place of the last one of that name.

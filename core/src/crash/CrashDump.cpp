@@ -4,9 +4,6 @@
 
 #include "crash/CrashDump.h"
 
-#include <cerrno>
-#include <ctime>
-
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,13 +37,24 @@ void AddPath(const DumpSettings& settings, CTextBuffer& text)
     text.Add(settings.folder).Add("/").Add(settings.name);
 }
 
-void RecordSuccess(const CrashSite& site, const DumpSettings& settings)
+void AddReason(const CDumpFile& file, CTextBuffer& text)
+{
+    text.Add(file.FailedAction()).Add(": ").Add(ErrorText(file.Error()));
+}
+
+// full  the dump with all memory that could not be written before; null when there was none
+void RecordSuccess(const CrashSite& site, const DumpSettings& settings, const CDumpFile* full)
 {
     char memory[8192];
     CTextBuffer text(memory, sizeof memory);
     AddCrash(site, text);
     text.Add(", dump in ");
     AddPath(settings, text);
+    if (full) {
+        text.Add(" without all memory (");
+        AddReason(*full, text);
+        text.Add(")");
+    }
     if (g_snapshot.threadsNotStopped > 0)
         text.Add(" without ")
             .AddNumber(static_cast<std::int64_t>(g_snapshot.threadsNotStopped))
@@ -61,7 +69,8 @@ void RecordFailure(const CrashSite& site, const DumpSettings& settings, const CD
     AddCrash(site, text);
     text.Add("; no dump could be written: '");
     AddPath(settings, text);
-    text.Add("': ").Add(file.FailedAction()).Add(": ").Add(ErrorText(file.Error()));
+    text.Add("': ");
+    AddReason(file, text);
     WriteCrashRecord(site.process, text.Text());
 }
 
@@ -113,22 +122,51 @@ void TellLuaCalls(const CrashSite& site, CMinidumpWriter* writer)
     WriteCrashRecord(site.process, text.Text());
 }
 
+// Returns whether the dump is in its place. What was begun is removed, so that its room can be used again.
+bool WriteDump(const CrashSite& site, const DumpSettings& settings, bool full, CDumpFile& file, CMinidumpWriter& writer)
+{
+    if (file.Create(settings.folder, settings.name, site.process) && writer.Write(g_snapshot, Notes(), full) &&
+        file.Keep())
+        return true;
+    file.Discard();
+    return false;
+}
+
+void DumpSnapshot(const CrashSite& site, const DumpSettings& settings)
+{
+    CDumpFile fullFile;
+    if (settings.full) {
+        CMinidumpWriter writer(fullFile, SnapshotMemory());
+        if (WriteDump(site, settings, true, fullFile, writer)) {
+            RecordSuccess(site, settings, nullptr);
+            TellLuaCalls(site, &writer);
+            return;
+        }
+    }
+
+    CDumpFile file;
+    CMinidumpWriter writer(file, SnapshotMemory());
+    const bool isWritten = WriteDump(site, settings, false, file, writer);
+    if (isWritten)
+        RecordSuccess(site, settings, settings.full ? &fullFile : nullptr);
+    else
+        RecordFailure(site, settings, file);
+    TellLuaCalls(site, isWritten ? &writer : nullptr);
+}
+
 } // namespace
 
 void DumpCrashedProcess(const CrashSite& site, const DumpSettings& settings)
 {
-    CDumpFile file;
-    CMinidumpWriter writer(file, SnapshotMemory());
-    errno = ENOSYS;
-    const bool isKept = TakeSnapshot(site, g_snapshot) && file.Create(settings.folder, settings.name, site.process) &&
-                        writer.Write(g_snapshot, Notes(), settings.full) && file.Keep();
-    if (isKept)
-        RecordSuccess(site, settings);
-    else {
-        file.Discard();
-        RecordFailure(site, settings, file);
+    if (TakeSnapshot(site, g_snapshot)) {
+        DumpSnapshot(site, settings);
+        return;
     }
-    TellLuaCalls(site, isKept ? &writer : nullptr);
+    char memory[256];
+    CTextBuffer text(memory, sizeof memory);
+    AddCrash(site, text);
+    WriteCrashRecord(site.process, text.Add("; no dump could be written: not possible on this system").Text());
+    TellLuaCalls(site, nullptr);
 }
 
 } // namespace VelCore

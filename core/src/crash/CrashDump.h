@@ -16,7 +16,8 @@ struct DumpSettings
 /// Writes the dump of the process that has forked this one, and its records into the log. Whether or not there is a
 /// dump: when this returns the log says so.
 ///
-/// The dump is in its place before the Lua calls are looked at: that happens in a process of its own, which may break.
+/// A full dump that cannot be written, as on a full disk, makes room for a normal one. The dump is in its place before
+/// the Lua calls are looked at: that happens in a process of its own, which may break.
 ///
 /// Memory: allocates nothing and takes no lock.
 void DumpCrashedProcess(const CrashSite& site, const DumpSettings& settings);

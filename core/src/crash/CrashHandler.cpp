@@ -18,9 +18,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <wx/log.h>
-
-#include <VelCore/Dom.h>
 #include <VelCore/Utf8.h>
 
 #include "crash/AlternateStack.h"
@@ -28,7 +25,6 @@
 #include "crash/CrashLog.h"
 #include "crash/CrashReport.h"
 #include "crash/DumpFile.h"
-#include "process/Descriptors.h"
 #include "trace/LogFile.h"
 
 namespace VelCore {
@@ -177,15 +173,6 @@ void Copy(const std::string& from, char* to, std::size_t size)
     to[length] = '\0';
 }
 
-void PrepareFolder()
-{
-    if (!MakeFolders(g_settings.folder, 0700)) {
-        wxLogSysError(errno, L"Crash dumps cannot be written: cannot create '%s'", FromUtf8(g_settings.folder));
-        return;
-    }
-    RemoveAbandonedDumps(g_settings.folder, g_settings.name);
-}
-
 } // namespace
 
 void InitCrashHandler(const wxString& path, const wxString& name, bool full)
@@ -197,7 +184,7 @@ void InitCrashHandler(const wxString& path, const wxString& name, bool full)
     g_settings.full = full;
     NoteForCrash("app.name", ToUtf8(name));
     CLogFile::Get().TellCrashHandler();
-    PrepareFolder();
+    RemoveAbandonedDumps(g_settings.folder, g_settings.name);
 
     static const CAlternateStack& stack = *new CAlternateStack; // of the main thread, for as long as it runs
     (void)stack;

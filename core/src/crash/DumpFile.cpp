@@ -67,6 +67,8 @@ bool CDumpFile::Create(const char* folder, const char* name, pid_t process)
 {
     m_name = name;
     m_folder = OpenFolder(folder);
+    if (m_folder < 0 && errno == ENOENT && mkdir(folder, 0700) == 0)
+        m_folder = OpenFolder(folder);
     if (m_folder < 0)
         return Fail("cannot open its folder");
     CTextBuffer(m_partName, sizeof m_partName - 1).Add(name).Add(PartMark()).AddNumber(process);
@@ -127,8 +129,11 @@ bool CDumpFile::Keep()
 
 void CDumpFile::Discard()
 {
-    if (m_file >= 0)
-        unlinkat(m_folder, m_partName, 0);
+    if (m_file < 0)
+        return;
+    unlinkat(m_folder, m_partName, 0);
+    close(m_file); // it takes up room until then
+    m_file = -1;
 }
 
 void RemoveAbandonedDumps(const char* folder, const char* name)
