@@ -21,6 +21,7 @@ add_library(lua::lua52 INTERFACE IMPORTED)
 target_include_directories(lua::lua52 SYSTEM INTERFACE ${LUA52_INCLUDE_DIRS})
 target_link_libraries(lua::lua52 INTERFACE ${LUA52_LIBRARY})
 
+pkg_check_modules(DW REQUIRED IMPORTED_TARGET libdw libelf)
 pkg_check_modules(DEFLATE REQUIRED IMPORTED_TARGET libdeflate)
 pkg_check_modules(SQLITE3 REQUIRED IMPORTED_TARGET sqlite3)
 
