@@ -96,11 +96,12 @@ CTextBuffer& CTextBuffer::AddEscaped(std::string_view text)
 {
     while (!text.empty()) {
         const std::size_t length = CharacterLength(text);
-        if (length > 0 && !IsControl(text.substr(0, length)))
-            Add(text.substr(0, length));
+        const std::string_view character = text.substr(0, std::max<std::size_t>(length, 1));
+        if (length > 0 && !IsControl(character))
+            Add(character);
         else
-            AddEscape(text[0]);
-        text.remove_prefix(std::max<std::size_t>(length, 1));
+            std::for_each(character.begin(), character.end(), [this](char byte) { AddEscape(byte); });
+        text.remove_prefix(character.size());
     }
     return *this;
 }
