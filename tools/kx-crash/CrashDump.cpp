@@ -29,7 +29,8 @@ public:
     }
     std::string_view At(const Location& location) const { return At(location.rva, location.size); }
 
-    template <typename Record> bool Read(std::uint64_t offset, Record& record) const
+    template <typename Record>
+    bool Read(std::uint64_t offset, Record& record) const
     {
         const std::string_view bytes = At(offset, sizeof record);
         if (bytes.size() != sizeof record)
@@ -93,7 +94,8 @@ std::string StringAt(const CBytes& file, std::uint64_t rva)
 }
 
 // Calls visit with each row of a stream that begins with their number.
-template <typename Row, typename Visit> void ForEachRow(const CBytes& file, const Location& stream, Visit visit)
+template <typename Row, typename Visit>
+void ForEachRow(const CBytes& file, const Location& stream, Visit visit)
 {
     std::uint32_t count = 0;
     if (!file.Read(stream.rva, count))

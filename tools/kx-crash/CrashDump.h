@@ -58,8 +58,8 @@ struct CrashDump
     std::optional<std::uint64_t> WordAt(std::uint64_t address) const;
 };
 
-/// Reads a minidump of a process on AMD64, also one that our agent did not write. What is damaged is left out, as long as
-/// the thread that crashed can be told.
+/// Reads a minidump of a process on AMD64, also one that our agent did not write. What is damaged is left out, as long
+/// as the thread that crashed can be told.
 ///
 /// bytes  the file; the result points into it
 /// error  receives why nothing was read

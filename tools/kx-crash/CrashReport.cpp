@@ -76,9 +76,8 @@ std::string Summary(const CrashDump& dump)
                        Note(dump, "phase") + "\n";
     text += "Crashed      " + UtcTime(dump.time) + ", process " + std::to_string(dump.process) + ", thread " +
             std::to_string(dump.crashedThread) + "\n";
-    text += "Signal       " + std::to_string(dump.signal) + " (" +
-            std::string(VelCore::CrashSignalName(dump.signal)) + "), code " + std::to_string(dump.signalCode) +
-            ", at address " + Hex(dump.address) + "\n";
+    text += "Signal       " + std::to_string(dump.signal) + " (" + std::string(VelCore::CrashSignalName(dump.signal)) +
+            "), code " + std::to_string(dump.signalCode) + ", at address " + Hex(dump.address) + "\n";
     text += "System       " + EscapeControls(dump.system) + "\n";
     text += std::string("Dump         ") + (dump.isFull ? "full, with all writable memory" : "normal") + "\n";
     return text;
@@ -113,7 +112,8 @@ std::string Frames(const CrashDump& dump, const StackTrace& trace)
         text += FrameLine(dump, trace.frames[index], "#" + std::to_string(index));
     }
     if (trace.isCutShort)
-        text += "  The callers of the last one cannot be told: its module is not on this machine, in the build that crashed.\n";
+        text += "  The callers of the last one cannot be told: its module is not on this machine, in the build that "
+                "crashed.\n";
     return text;
 }
 
@@ -133,10 +133,11 @@ std::string Registers(const DumpedThread& thread)
         const char* name;
         std::uint64_t value;
     } rows[] = {
-        {"rax", context.rax}, {"rbx", context.rbx}, {"rcx", context.rcx}, {"rdx", context.rdx}, {"rsi", context.rsi},
-        {"rdi", context.rdi}, {"rbp", context.rbp}, {"rsp", context.rsp}, {"r8 ", context.r8},  {"r9 ", context.r9},
-        {"r10", context.r10}, {"r11", context.r11}, {"r12", context.r12}, {"r13", context.r13}, {"r14", context.r14},
-        {"r15", context.r15}, {"rip", context.rip}, {"flags", context.eflags},
+        {"rax", context.rax}, {"rbx", context.rbx},      {"rcx", context.rcx}, {"rdx", context.rdx},
+        {"rsi", context.rsi}, {"rdi", context.rdi},      {"rbp", context.rbp}, {"rsp", context.rsp},
+        {"r8 ", context.r8},  {"r9 ", context.r9},       {"r10", context.r10}, {"r11", context.r11},
+        {"r12", context.r12}, {"r13", context.r13},      {"r14", context.r14}, {"r15", context.r15},
+        {"rip", context.rip}, {"flags", context.eflags},
     };
     std::string text;
     int column = 0;
@@ -182,8 +183,8 @@ std::string CrashReport(const CrashDump& dump, const CrashReportSources& sources
     std::string text = Summary(dump);
     for (const DumpedThread& thread : dump.threads) {
         if (isCrashed(thread))
-            text += "\n" + ThreadTitle(thread) + ", crashed\n" + Frames(dump, sources.stackOf(thread)) +
-                    Registers(thread);
+            text +=
+                "\n" + ThreadTitle(thread) + ", crashed\n" + Frames(dump, sources.stackOf(thread)) + Registers(thread);
     }
     if (!dump.luaTraceback.empty())
         text += "\n" + LuaSection(dump.luaTraceback);

@@ -29,8 +29,7 @@ CAlternateStack::CAlternateStack()
     if (sigaltstack(nullptr, &present) != 0 || (present.ss_flags & SS_DISABLE) == 0)
         return;
     const std::size_t guard = GuardBytes();
-    void* const memory =
-        mmap(nullptr, guard + kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* const memory = mmap(nullptr, guard + kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)
         return;
     mprotect(memory, guard, PROT_NONE);

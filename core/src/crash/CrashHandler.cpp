@@ -37,7 +37,8 @@ const int kFullPatienceMs = 60000;
 
 DumpSettings g_settings;
 
-// Process and thread that handles its crash, 32 bits each. Both, because a fork inherits the variable, and not the crash.
+// Process and thread that handles its crash, 32 bits each. Both, because a fork inherits the variable, and not the
+// crash.
 std::atomic<std::uint64_t> g_owner{0};
 std::atomic<int> g_firstSignal{0};
 std::atomic<bool> g_hasReported{false};

@@ -51,8 +51,8 @@ bool IsKept(const SnapshotMapping& mapping)
     const std::string_view devices = "/dev/";
     const std::string_view shared = "/dev/shm/";
     const std::string_view& path = mapping.path;
-    const bool isDevice = path.substr(0, devices.size()) == devices && path.substr(0, shared.size()) != shared &&
-                          path != "/dev/zero";
+    const bool isDevice =
+        path.substr(0, devices.size()) == devices && path.substr(0, shared.size()) != shared && path != "/dev/zero";
     return mapping.isWritable && mapping.isReadable && !isDevice;
 }
 
@@ -117,7 +117,8 @@ Location CMinidumpWriter::Append(const void* data, std::size_t size)
     return {static_cast<std::uint32_t>(size), rva};
 }
 
-template <typename Record> void CMinidumpWriter::Put(std::uint32_t rva, const Record& record)
+template <typename Record>
+void CMinidumpWriter::Put(std::uint32_t rva, const Record& record)
 {
     m_isOk = m_isOk && m_sink.Write(rva, &record, sizeof record);
 }

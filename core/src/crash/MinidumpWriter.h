@@ -44,7 +44,8 @@ public:
 private:
     Minidump::Location Append(const void* data, std::size_t size);
     std::uint32_t Reserve(std::size_t size);
-    template <typename Record> void Put(std::uint32_t rva, const Record& record);
+    template <typename Record>
+    void Put(std::uint32_t rva, const Record& record);
     std::uint32_t AppendString(std::string_view text);
     Minidump::Location AppendMemory(std::uint64_t start, std::uint64_t size);
     Minidump::MemoryDescriptor AppendRange(std::uint64_t start, std::uint64_t end);

@@ -85,8 +85,7 @@ bool MayBeModule(const SnapshotMapping& mapping)
 
 } // namespace
 
-void FindModules(const SnapshotMappings& mappings, const CProcessMemory& memory,
-                 SnapshotModules& modules)
+void FindModules(const SnapshotMappings& mappings, const CProcessMemory& memory, SnapshotModules& modules)
 {
     for (const SnapshotMapping* mapping = mappings.begin(); mapping != mappings.end();) {
         const SnapshotMapping& first = *mapping++;

@@ -10,7 +10,6 @@ namespace VelCore {
 ///
 /// Memory: allocates nothing.
 /// Source: elf(5); the note of type NT_GNU_BUILD_ID.
-void FindModules(const SnapshotMappings& mappings, const CProcessMemory& memory,
-                 SnapshotModules& modules);
+void FindModules(const SnapshotMappings& mappings, const CProcessMemory& memory, SnapshotModules& modules);
 
 } // namespace VelCore

@@ -115,8 +115,8 @@ struct ProcessSnapshot
     int processorCount;
     std::string_view systemText; // name and version of the system
 
-    SnapshotThreads threads; // the crashed one is the first
-    std::size_t threadsNotStopped;           // left out, because the system did not let us look at them
+    SnapshotThreads threads;       // the crashed one is the first
+    std::size_t threadsNotStopped; // left out, because the system did not let us look at them
     SnapshotMappings mappings;
     SnapshotModules modules;
     std::string_view mapsText;

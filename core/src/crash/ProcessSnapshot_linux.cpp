@@ -89,7 +89,8 @@ std::string_view ReadWhole(int file, char* buffer, std::size_t size)
 }
 
 // The file of the process, or else our own, which was the same when we were forked.
-template <std::size_t Size> std::string_view ReadProcFile(pid_t process, std::string_view name, char (&buffer)[Size])
+template <std::size_t Size>
+std::string_view ReadProcFile(pid_t process, std::string_view name, char (&buffer)[Size])
 {
     for (const pid_t of : {process, getpid()}) {
         const int file = OpenProcFile(of, name);
@@ -225,8 +226,8 @@ void TakeCrashedThread(const CrashSite& site, ProcessSnapshot& snapshot)
     TakeHandlerContext(*static_cast<const ucontext_t*>(site.context), thread->context);
     TakeThreadName(site.process, *thread);
 
-    snapshot.faultAddress = HasFaultAddress(site) ? reinterpret_cast<std::uintptr_t>(site.information->si_addr)
-                                                  : thread->context.rip;
+    snapshot.faultAddress =
+        HasFaultAddress(site) ? reinterpret_cast<std::uintptr_t>(site.information->si_addr) : thread->context.rip;
 }
 
 bool AwaitStop(pid_t thread, int& attempts)
@@ -283,7 +284,8 @@ pid_t ParseId(const char* text)
 }
 
 // Calls visit with the id of every thread of the process. The C library's readdir would allocate.
-template <typename Visit> void ForEachThread(pid_t process, Visit visit)
+template <typename Visit>
+void ForEachThread(pid_t process, Visit visit)
 {
     alignas(DirectoryEntry64) static char buffer[32768];
     const int folder = open(CProcPath(process, "task").Get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

@@ -12,7 +12,8 @@ namespace VelCore {
 /// Keeps the last value whole while the next one is written. Longer texts are cut.
 ///
 /// Threads: one writer at a time; the reader is a signal handler, or the only thread of a fork.
-template <std::size_t Capacity> class SharedText
+template <std::size_t Capacity>
+class SharedText
 {
 public:
     void Set(std::string_view text)

@@ -25,7 +25,8 @@ std::size_t CharacterLength(std::string_view text)
     if (text.size() < length)
         return 0;
     const auto isContinuation = [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; };
-    return std::all_of(text.begin() + 1, text.begin() + static_cast<std::ptrdiff_t>(length), isContinuation) ? length : 0;
+    return std::all_of(text.begin() + 1, text.begin() + static_cast<std::ptrdiff_t>(length), isContinuation) ? length
+                                                                                                             : 0;
 }
 
 // Whether a character could end the line or move a cursor: also the second set of controls, and the separators of lines

@@ -8,7 +8,7 @@ namespace VelCore {
 namespace {
 
 const std::int64_t kDaySeconds = 86400;
-const std::int64_t kEraDays = 146097; // of 400 years
+const std::int64_t kEraDays = 146097;  // of 400 years
 const std::int64_t kEpochDay = 719468; // from 1 March of year 0 to 1 January 1970
 
 std::int64_t FloorDivide(std::int64_t number, std::int64_t by)
@@ -51,8 +51,7 @@ std::int64_t SecondsOf(const CivilTime& time)
     const std::int64_t era = FloorDivide(year, 400);
     const std::int64_t yearOfEra = year - era * 400;
     const std::int64_t inYear = DaysBeforeMonth(time.month > 2 ? time.month - 3 : time.month + 9) + time.day - 1;
-    const std::int64_t days =
-        era * kEraDays + yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + inYear - kEpochDay;
+    const std::int64_t days = era * kEraDays + yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + inYear - kEpochDay;
     return ((days * 24 + time.hour) * 60 + time.minute) * 60 + time.second;
 }
 

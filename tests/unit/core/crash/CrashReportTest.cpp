@@ -24,7 +24,8 @@ TEST(CrashReport, FailedAccessHasAnAddress)
 {
     EXPECT_EQ("Crashed by signal 11 (Segmentation fault) at address 0x10 in thread 4712",
               Described(SIGSEGV, SEGV_MAPERR, 0x10));
-    EXPECT_EQ("Crashed by signal 11 (Segmentation fault) at address 0x0 in thread 4712", Described(SIGSEGV, SEGV_MAPERR, 0));
+    EXPECT_EQ("Crashed by signal 11 (Segmentation fault) at address 0x0 in thread 4712",
+              Described(SIGSEGV, SEGV_MAPERR, 0));
 }
 
 TEST(CrashReport, SignalThatWasSentHasNone)

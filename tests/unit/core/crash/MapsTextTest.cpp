@@ -19,7 +19,8 @@ std::unique_ptr<SnapshotMappings> Read(std::string_view text)
 
 TEST(MapsText, LineOfAFile)
 {
-    const auto mappings = Read("7f521bf37000-7f521bf38000 r-xp 0001f000 08:01 1234567                    /usr/lib/a b.so\n");
+    const auto mappings =
+        Read("7f521bf37000-7f521bf38000 r-xp 0001f000 08:01 1234567                    /usr/lib/a b.so\n");
 
     ASSERT_EQ(1u, mappings->size());
     const SnapshotMapping& mapping = (*mappings)[0];
@@ -44,7 +45,8 @@ TEST(MapsText, RightsAreRead)
 
 TEST(MapsText, SpecialMemoryHasANameInBrackets)
 {
-    EXPECT_EQ("[stack]", (*Read("7ffc00000000-7ffc00021000 rw-p 00000000 00:00 0                          [stack]\n"))[0].path);
+    EXPECT_EQ("[stack]",
+              (*Read("7ffc00000000-7ffc00021000 rw-p 00000000 00:00 0                          [stack]\n"))[0].path);
 }
 
 TEST(MapsText, RemovedFileKeepsItsPath)
@@ -55,7 +57,8 @@ TEST(MapsText, RemovedFileKeepsItsPath)
 
 TEST(MapsText, HighestAddressIsRead)
 {
-    EXPECT_EQ(0xffffffffff601000u, (*Read("ffffffffff600000-ffffffffff601000 --xp 00000000 00:00 0 [vsyscall]\n"))[0].end);
+    EXPECT_EQ(0xffffffffff601000u,
+              (*Read("ffffffffff600000-ffffffffff601000 --xp 00000000 00:00 0 [vsyscall]\n"))[0].end);
 }
 
 TEST(MapsText, LastLineMayEndWithoutALineFeed)
@@ -65,9 +68,10 @@ TEST(MapsText, LastLineMayEndWithoutALineFeed)
 
 TEST(MapsText, WhatIsNoMappingIsSkipped)
 {
-    for (const char* line : {"", "\n\n", "x", "1000", "1000-", "1000-2000", "1000-2000 ", "1000-2000 r--p", "2000-1000 r--p 0 0:0 0",
-                             "1000-1000 r--p 0 0:0 0", "g000-h000 r--p 0 0:0 0", "-1000 r--p 0 0:0 0", "1000-2000 r- 0 0:0 0",
-                             "11112222333344445-11112222333344446 r--p 0 0:0 0"})
+    for (const char* line :
+         {"", "\n\n", "x", "1000", "1000-", "1000-2000", "1000-2000 ", "1000-2000 r--p", "2000-1000 r--p 0 0:0 0",
+          "1000-1000 r--p 0 0:0 0", "g000-h000 r--p 0 0:0 0", "-1000 r--p 0 0:0 0", "1000-2000 r- 0 0:0 0",
+          "11112222333344445-11112222333344446 r--p 0 0:0 0"})
         EXPECT_EQ(0u, Read(line)->size()) << line;
 }
 

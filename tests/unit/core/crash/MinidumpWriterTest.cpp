@@ -64,7 +64,8 @@ protected:
         return writer.Write(snapshot, "name=value\n", full);
     }
 
-    template <typename Record> Record At(std::uint64_t rva) const
+    template <typename Record>
+    Record At(std::uint64_t rva) const
     {
         Record record = {};
         EXPECT_LE(rva + sizeof record, dump.bytes.size());
@@ -87,7 +88,8 @@ protected:
     }
 
     // Of a stream that begins with the number of its rows.
-    template <typename Row> std::vector<Row> Rows(StreamType type) const
+    template <typename Row>
+    std::vector<Row> Rows(StreamType type) const
     {
         std::vector<Row> rows;
         const auto stream = Stream(type);

@@ -55,7 +55,8 @@ struct Process
 {
     Process() : mappings(std::make_unique<SnapshotMappings>()), modules(std::make_unique<SnapshotModules>()) {}
 
-    void Map(std::uint64_t start, std::uint64_t end, std::uint64_t offset, bool isExecutable, std::string_view path) const
+    void Map(std::uint64_t start, std::uint64_t end, std::uint64_t offset, bool isExecutable,
+             std::string_view path) const
     {
         *mappings->Add() = {start, end, offset, true, false, isExecutable, path};
     }
@@ -100,15 +101,17 @@ TEST(ModuleList, PartsOfAFileAreOneModule)
 
 TEST(ModuleList, IdentifierIsFoundBehindOtherNotes)
 {
-    const Process process = WithLibrary(Library(Note(5, kGnu, "abc") + Note(NT_GNU_BUILD_ID, std::string("Go\0", 3), "x") +
-                                                Note(NT_GNU_BUILD_ID, kGnu, kBuildId)));
+    const Process process =
+        WithLibrary(Library(Note(5, kGnu, "abc") + Note(NT_GNU_BUILD_ID, std::string("Go\0", 3), "x") +
+                            Note(NT_GNU_BUILD_ID, kGnu, kBuildId)));
     EXPECT_EQ(kBuildId, BuildIdOf(process.Find()[0]));
 }
 
 TEST(ModuleList, ModuleWithoutAnIdentifierIsAModule)
 {
-    for (const std::string& notes : {std::string(), Note(5, kGnu, "abc"), Note(NT_GNU_BUILD_ID, kGnu, std::string(33, 'x')),
-                                     Note(NT_GNU_BUILD_ID, kGnu, kBuildId).substr(0, 30), std::string(3, 'x')}) {
+    for (const std::string& notes :
+         {std::string(), Note(5, kGnu, "abc"), Note(NT_GNU_BUILD_ID, kGnu, std::string(33, 'x')),
+          Note(NT_GNU_BUILD_ID, kGnu, kBuildId).substr(0, 30), std::string(3, 'x')}) {
         const Process process = WithLibrary(Library(notes));
         ASSERT_EQ(1u, process.Find().size());
         EXPECT_EQ("", BuildIdOf((*process.modules)[0]));

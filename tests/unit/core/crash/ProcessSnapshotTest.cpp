@@ -105,7 +105,8 @@ TEST(ProcessSnapshot, MemoryThatIsNotThereGivesNothing)
 {
     EXPECT_TRUE(CheckInFork([](const ProcessSnapshot&) {
         char byte = 0;
-        return VelCore::SnapshotMemory().Read(0x10, &byte, 1) == 0 && VelCore::SnapshotMemory().Read(~0ULL, &byte, 1) == 0;
+        return VelCore::SnapshotMemory().Read(0x10, &byte, 1) == 0 &&
+               VelCore::SnapshotMemory().Read(~0ULL, &byte, 1) == 0;
     }));
 }
 

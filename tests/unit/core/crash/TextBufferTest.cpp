@@ -10,7 +10,8 @@ using VelCore::CTextBuffer;
 namespace {
 
 // What `add` leaves in a buffer of this size.
-template <typename Add> std::string Text(Add add, std::size_t size = 256)
+template <typename Add>
+std::string Text(Add add, std::size_t size = 256)
 {
     std::string memory(size, '#');
     CTextBuffer text(memory.data(), size);
@@ -65,7 +66,8 @@ TEST(TextBuffer, PaddedNumbersHaveZerosInFront)
         std::int64_t number;
         int digits;
         const char* text;
-    } cases[] = {{0, 2, "00"}, {7, 2, "07"}, {10, 2, "10"}, {123, 2, "123"}, {2026, 4, "2026"}, {33, 4, "0033"}, {5, 1, "5"}};
+    } cases[] = {{0, 2, "00"},      {7, 2, "07"},    {10, 2, "10"}, {123, 2, "123"},
+                 {2026, 4, "2026"}, {33, 4, "0033"}, {5, 1, "5"}};
     for (const auto& row : cases)
         EXPECT_EQ(row.text, Text([&row](CTextBuffer& text) { text.AddPadded(row.number, row.digits); }));
 }
@@ -80,8 +82,8 @@ TEST(TextBuffer, AddressesAreHexadecimal)
 TEST(TextBuffer, ControlsAreEscaped)
 {
     EXPECT_EQ("a\\n\\r\\t\\x00\\x1b\\x7fb", Escaped(std::string_view("a\n\r\t\0\x1b\x7f"
-                                                                       "b",
-                                                                       8)));
+                                                                     "b",
+                                                                     8)));
     EXPECT_EQ("\\xc2\\x85", Escaped("\u0085")); // a control of the second set
     EXPECT_EQ("\\xe2\\x80\\xa8\\xe2\\x80\\xa9", Escaped("\u2028\u2029"));
 }

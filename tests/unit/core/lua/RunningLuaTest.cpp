@@ -79,10 +79,12 @@ TEST(RunningLua, FunctionWithoutANameIsToldByItsLine)
 TEST(RunningLua, CallsOfARunningCoroutineComeFirst)
 {
     const char* const rest = "\n\tscript:1: in main chunk";
-    const std::string inside = "stack traceback:\n\t[C]: in function 'look'\n\tscript:1: in function <line 1>\n\t(...resumed "
-                               "by...)\n\t[C]: in function ";
+    const std::string inside =
+        "stack traceback:\n\t[C]: in function 'look'\n\tscript:1: in function <line 1>\n\t(...resumed "
+        "by...)\n\t[C]: in function ";
     EXPECT_EQ(inside + "'co'" + rest, CallsIn("local co = coroutine.wrap(function() look() end) co()"));
-    EXPECT_EQ(inside + "'resume'" + rest, CallsIn("local co = coroutine.create(function() look() end) coroutine.resume(co)"));
+    EXPECT_EQ(inside + "'resume'" + rest,
+              CallsIn("local co = coroutine.create(function() look() end) coroutine.resume(co)"));
 }
 
 TEST(RunningLua, CoroutineThatWaitsIsNotToldOf)
@@ -93,14 +95,16 @@ TEST(RunningLua, CoroutineThatWaitsIsNotToldOf)
 
 TEST(RunningLua, DeepRecursionIsCut)
 {
-    const std::string calls = CallsIn("local function f(n) if n == 0 then look() else f(n - 1) end return 1 end f(1000)");
+    const std::string calls =
+        CallsIn("local function f(n) if n == 0 then look() else f(n - 1) end return 1 end f(1000)");
     EXPECT_LT(calls.size(), 4096u);
     EXPECT_EQ("\n\t...", calls.substr(calls.size() - 5));
 }
 
 TEST(RunningLua, SourceStaysOnItsLine)
 {
-    EXPECT_EQ("stack traceback:\n\t[C]: in function 'look'\n\tforged\\nline:1: in main chunk", CallsIn("look()", "@forged\nline"));
+    EXPECT_EQ("stack traceback:\n\t[C]: in function 'look'\n\tforged\\nline:1: in main chunk",
+              CallsIn("look()", "@forged\nline"));
 }
 
 } // namespace

@@ -158,7 +158,8 @@ TEST(CrashDump, DumpWithoutThreadsIsRefused)
 
 TEST(CrashDump, MissingStreamsAreLeftOut)
 {
-    for (const StreamType type : {kModuleList, kException, kMemoryList, kMiscInfo, kThreadNames, kNotes, kLuaTraceback}) {
+    for (const StreamType type :
+         {kModuleList, kException, kMemoryList, kMiscInfo, kThreadNames, kNotes, kLuaTraceback}) {
         std::string bytes = Dump();
         bytes[EntryOf(bytes, type) + 3] = 0x7F;
         EXPECT_TRUE(Read(bytes)) << type;

@@ -26,7 +26,8 @@ CrashDump Dump()
 // The report when every thread has this stack.
 std::string Report(const CrashDump& dump, const StackTrace& trace = {}, bool isHere = true)
 {
-    return CrashReport(dump, {[&trace](const DumpedThread&) { return trace; }, [isHere](const DumpedModule&) { return isHere; }});
+    return CrashReport(
+        dump, {[&trace](const DumpedThread&) { return trace; }, [isHere](const DumpedModule&) { return isHere; }});
 }
 
 bool Has(const std::string& report, const std::string& line)
