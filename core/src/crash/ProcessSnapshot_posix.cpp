@@ -30,7 +30,8 @@ const CProcessMemory& SnapshotMemory()
 
 pid_t CurrentThread()
 {
-    return static_cast<pid_t>(reinterpret_cast<std::uintptr_t>(reinterpret_cast<void*>(pthread_self())));
+    static thread_local char t_mark;
+    return static_cast<pid_t>(reinterpret_cast<std::uintptr_t>(&t_mark));
 }
 
 pid_t ForkInHandler()
