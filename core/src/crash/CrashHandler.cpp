@@ -34,6 +34,7 @@ const int kSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT};
 
 const int kPatienceMs = 10000;
 const int kFullPatienceMs = 60000;
+const int kRecordPatienceMs = 1000;
 
 DumpSettings g_settings;
 
@@ -83,50 +84,65 @@ std::int64_t NowMs()
     return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Waits for the end of the process. Returns false when it takes too long; it is then killed.
-bool AwaitDumpProcess(pid_t child, int& status)
+enum class ForkEnd { Done, Crashed, TookTooLong, NotStarted };
+
+ForkEnd AwaitEnd(pid_t child, int patienceMs)
 {
-    const std::int64_t end = NowMs() + (g_settings.full ? kFullPatienceMs : kPatienceMs);
-    for (;;) {
+    const std::int64_t end = NowMs() + patienceMs;
+    while (NowMs() <= end) {
+        int status = 0;
         const pid_t ended = waitpid(child, &status, WNOHANG);
         if (ended == child || (ended < 0 && errno != EINTR))
-            return true;
-        if (NowMs() > end)
-            break;
+            return status == 0 ? ForkEnd::Done : ForkEnd::Crashed;
         poll(nullptr, 0, 1);
     }
+    // Not waited for: a disk that does not answer would hold it up, and with it this process.
     kill(child, SIGKILL);
-    waitpid(child, &status, 0);
-    return false;
+    return ForkEnd::TookTooLong;
 }
 
-[[noreturn]] void RunDumpProcess(const CrashSite& site)
+// Does `work` in a fork, which has descriptors to spare, and may crash or hang.
+template <typename Work>
+ForkEnd RunInFork(int patienceMs, Work work)
 {
+    const pid_t child = ForkInHandler();
+    if (child < 0)
+        return ForkEnd::NotStarted;
+    if (child > 0)
+        return AwaitEnd(child, patienceMs);
     for (const int signal : kSignals)
         SetDefault(signal);
     EndWithParent();
     CloseDescriptorsFrom(STDERR_FILENO + 1);
-    DumpCrashedProcess(site, g_settings);
+    work();
     _exit(0);
+}
+
+const char* ReasonOf(ForkEnd end)
+{
+    switch (end) {
+    case ForkEnd::TookTooLong:
+        return "it took too long";
+    case ForkEnd::Crashed:
+        return "the process that writes it has crashed";
+    default:
+        return ErrorText(errno);
+    }
 }
 
 void Dump(const CrashSite& site)
 {
-    // Its end has to be seen, whatever the process did with the ends of its children.
+    // The end of the forks has to be seen, whatever the process did with the ends of its children.
     SetDefault(SIGCHLD);
     AllowInspection();
-    const pid_t child = ForkInHandler();
-    if (child == 0)
-        RunDumpProcess(site);
-    if (child < 0) {
-        RecordNoDump(site, ErrorText(errno));
+    const int patienceMs = g_settings.full ? kFullPatienceMs : kPatienceMs;
+    const ForkEnd end = RunInFork(patienceMs, [&site] { DumpCrashedProcess(site, g_settings); });
+    if (end == ForkEnd::Done)
         return;
-    }
-    int status = 0;
-    if (!AwaitDumpProcess(child, status))
-        RecordNoDump(site, "it took too long");
-    else if (status != 0)
-        RecordNoDump(site, "the process that writes it has crashed");
+    const char* const reason = ReasonOf(end);
+    const auto record = [&site, reason] { RecordNoDump(site, reason); };
+    if (RunInFork(kRecordPatienceMs, record) == ForkEnd::NotStarted)
+        record();
 }
 
 void OnCrash(int signal, siginfo_t* information, void* context)

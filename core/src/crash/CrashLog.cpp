@@ -29,6 +29,11 @@ std::atomic<std::int64_t> g_utcOffset{0};
 // A thread of the crashed process may have been stopped while it held the lock. Appends are whole without it, too.
 const int kLockAttempts = 50; // of a millisecond
 
+const int kShowPatienceMs = 100;
+
+// A pipe that can be written takes as much at once. Source: POSIX, _POSIX_PIPE_BUF.
+const std::size_t kWithoutBlocking = 512;
+
 void AddStamp(CTextBuffer& line)
 {
     const CivilTime now = CivilTimeOf(time(nullptr) + g_utcOffset.load());
@@ -86,6 +91,18 @@ void AppendToLog(std::string_view line)
     close(file);
 }
 
+// Nobody may be reading what is at the other end, and the process is to die at once.
+void Show(std::string_view line)
+{
+    struct pollfd writable = {STDERR_FILENO, POLLOUT, 0};
+    while (!line.empty() && poll(&writable, 1, kShowPatienceMs) == 1 && (writable.revents & POLLOUT) != 0) {
+        const std::string_view part = line.substr(0, kWithoutBlocking);
+        if (WriteAll(STDERR_FILENO, part) < part.size())
+            return;
+        line.remove_prefix(part.size());
+    }
+}
+
 } // namespace
 
 void SetCrashLogPath(std::string_view path)
@@ -107,7 +124,7 @@ void WriteCrashRecord(pid_t process, std::string_view text)
     const std::size_t length = line.Text().size();
     memory[length] = '\n';
     AppendToLog({memory, length + 1});
-    WriteAll(STDERR_FILENO, {memory, length + 1});
+    Show({memory, length + 1});
 }
 
 } // namespace VelCore

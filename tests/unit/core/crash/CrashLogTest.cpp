@@ -1,8 +1,9 @@
 #include "crash/CrashLog.h"
 
-#include <ctime>
+#include <algorithm>
 #include <regex>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -81,6 +82,27 @@ TEST(CrashLog, FifoDoesNotBlock)
     WriteCrashRecord(4711, "x");
     SetCrashLogPath("");
     EXPECT_NE("", error.Text());
+}
+
+TEST(CrashLog, StandardErrorThatNobodyReadsDoesNotBlock)
+{
+    const CTempFolder folder;
+    int ends[2];
+    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+    const int before = dup(STDERR_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    SetCrashLogPath(folder / "app.log");
+
+    const std::string text(10000, 'x');
+    for (int records = 0; records < 8; ++records) // more than a pipe holds
+        WriteCrashRecord(4711, text);
+
+    SetCrashLogPath("");
+    dup2(before, STDERR_FILENO);
+    for (const int descriptor : {ends[0], ends[1], before})
+        close(descriptor);
+    const std::string log = ReadFile(folder / "app.log");
+    EXPECT_EQ(8, std::count(log.begin(), log.end(), '\n'));
 }
 
 TEST(CrashLog, WithoutAPathTheRecordIsShown)
