@@ -498,3 +498,16 @@ def test_child_of_a_script_has_the_signals_as_they_were(victim):
 
     assert outcome.status == 0
     assert victim.dumps() == []
+
+
+def test_crash_in_a_runnable(victim):
+    victim.installation.write_module("crasher_thread", "return function(self, how) require('crasher').crash(how) end")
+    victim.installation.write_app(main="dom:StartRunnable('crasher_thread', 'recursion'):Join() return 9")
+
+    outcome = victim.installation.run(*victim.words)
+
+    assert outcome.status == -signal.SIGSEGV, outcome
+    crashed = debugger.threads(victim.dump)[1]
+    assert functions(crashed)[0] == "crash_by_recursion", crashed
+    assert "[C]: in function 'crash'" in victim.lua_record()
+    assert f"{victim.installation.lua}/crasher_thread.lua:1: " in victim.lua_record()
