@@ -40,9 +40,7 @@ OUT_OF_LINE static void crash_by_abort(void)
 /* A mapped page behind the end of the file. */
 OUT_OF_LINE static void crash_by_bus_error(void)
 {
-    char name[] = "/tmp/crasherXXXXXX";
-    const int file = mkstemp(name);
-    unlink(name);
+    const int file = memfd_create("crasher", 0);
     volatile char *page = mmap(NULL, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     page[0] = 1;
 }
