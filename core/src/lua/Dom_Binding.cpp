@@ -1,7 +1,8 @@
 // What Lua sees of CDom.
 //
-// Lua leaves a failing function by longjmp, which runs no destructors. So the methods take their arguments first, then
-// use C++ objects only where no Lua function is called, or keep them in thread-local buffers.
+// Lua leaves a failing function by longjmp, which runs no destructors, and runs finalizers, which may call these
+// methods again, whenever it takes memory. So the methods take their arguments first, then use C++ objects and the
+// thread's buffers only where no Lua function is called, and let Lua keep what has to live longer.
 //
 // Tested by: unit/core/lua/DomBindingTest.cpp.
 
@@ -20,6 +21,7 @@
 
 #include "lua/AgentEvent_Binding.h"
 #include "lua/Arguments.h"
+#include "lua/Owned.h"
 #include "lua/Runnable_Binding.h"
 #include "trace/LogText.h"
 
@@ -33,9 +35,11 @@ using VelCore::FromUtf8;
 using VelCore::LuaText;
 using VelCore::TypeError;
 
+// Texts up to this size are pushed from the C stack; Lua takes memory for them only after they were copied there.
+const std::size_t kShortText = 1024; // bytes
+
 thread_local std::string t_key;
 thread_local CDomValue t_value;
-thread_local std::vector<std::string> t_keys;
 
 // Sets t_key.
 const std::string& CheckKey(lua_State* L, const char* method)
@@ -57,14 +61,41 @@ struct PushValue
     void operator()(const std::string& value) const { lua_pushlstring(L, value.data(), value.size()); }
 };
 
+// Pushes what a variable holds; nothing when it is absent.
+bool PushLongValue(lua_State* L, const CDom& dom)
+{
+    auto& value = VelCore::PushOwned<CDomValue>(L, "vel.dom.value");
+    if (!dom.Read(CheckKey(L, "Get"), value))
+        return false;
+    std::visit(PushValue{L}, value);
+    return true;
+}
+
+// The same; t_key is set.
+bool PushStored(lua_State* L, const CDom& dom)
+{
+    if (!dom.Read(t_key, t_value))
+        return false;
+    const auto* text = std::get_if<std::string>(&t_value);
+    if (!text) {
+        std::visit(PushValue{L}, t_value);
+        return true;
+    }
+    char copy[kShortText];
+    if (text->size() > sizeof copy)
+        return PushLongValue(L, dom);
+    const std::size_t length = text->copy(copy, sizeof copy);
+    lua_pushlstring(L, copy, length);
+    return true;
+}
+
 int Get(lua_State* L)
 {
     const CDom& dom = SLB3::Self<CDom>(L, "Get");
-    if (dom.Read(CheckKey(L, "Get"), t_value)) {
-        std::visit(PushValue{L}, t_value);
-        return 1;
-    }
-    lua_settop(L, 3); // the default, or nil
+    CheckKey(L, "Get");
+    lua_settop(L, 3);
+    if (!PushStored(L, dom))
+        lua_pushvalue(L, 3); // the default, or nil
     return 1;
 }
 
@@ -111,20 +142,22 @@ int Has(lua_State* L)
 int Keys(lua_State* L)
 {
     const CDom& dom = SLB3::Self<CDom>(L, "Keys");
-    if (lua_isnoneornil(L, 2)) {
+    lua_settop(L, 2);
+    auto& keys = VelCore::PushOwned<std::vector<std::string>>(L, "vel.dom.keys");
+    if (lua_isnil(L, 2)) {
         t_key.clear();
     } else {
         const LuaText prefix = CheckText(L, "Keys", 1);
         t_key.assign(prefix.bytes, prefix.length);
     }
-    t_keys = dom.Keys(t_key);
-    lua_createtable(L, static_cast<int>(t_keys.size()), 0);
+    keys = dom.Keys(t_key);
+    lua_createtable(L, static_cast<int>(keys.size()), 0);
     int at = 0;
-    for (const std::string& key : t_keys) {
+    for (const std::string& key : keys) {
         lua_pushlstring(L, key.data(), key.size());
         lua_rawseti(L, -2, ++at);
     }
-    t_keys.clear();
+    keys = {}; // many do not wait for the collector
     return 1;
 }
 
@@ -132,8 +165,9 @@ int GetPluginWorkdir(lua_State* L)
 {
     const CDom& dom = SLB3::Self<CDom>(L, "GetPluginWorkdir");
     const LuaText name = CheckText(L, "GetPluginWorkdir", 1);
-    t_key = VelCore::ToUtf8(dom.GetPluginWorkdirWx(FromUtf8(name.View())));
-    lua_pushlstring(L, t_key.data(), t_key.size());
+    auto& path = VelCore::PushOwned<std::string>(L, "vel.dom.path");
+    path = VelCore::ToUtf8(dom.GetPluginWorkdirWx(FromUtf8(name.View())));
+    lua_pushlstring(L, path.data(), path.size());
     return 1;
 }
 

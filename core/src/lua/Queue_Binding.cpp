@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <memory>
-#include <new>
 #include <string>
 #include <utility>
 
@@ -18,6 +17,7 @@
 #include <VelCore/Runnable.h>
 
 #include "lua/Arguments.h"
+#include "lua/Owned.h"
 #include "lua/PackedValues.h"
 
 namespace VelCore {
@@ -27,26 +27,6 @@ using TimePoint = CMessageQueue::TimePoint;
 
 // A limit above it is a mistake.
 const lua_Number kMostMessages = 1e9;
-
-const char* const kMessageClass = "vel.queues.message";
-
-int CollectMessage(lua_State* L)
-{
-    using std::string;
-    static_cast<string*>(lua_touserdata(L, 1))->~string();
-    return 0;
-}
-
-// stack: -> a userdata that holds the bytes
-std::string& PushMessageBuffer(lua_State* L)
-{
-    auto* bytes = new (lua_newuserdata(L, sizeof(std::string))) std::string;
-    luaL_newmetatable(L, kMessageClass);
-    lua_pushcfunction(L, CollectMessage); // also when it is not new: memory may have run out at this very place
-    lua_setfield(L, -2, "__gc");
-    lua_setmetatable(L, -2);
-    return *bytes;
-}
 
 TimePoint Deadline(unsigned int wait)
 {
@@ -80,7 +60,7 @@ int Pop(lua_State* L)
 {
     CMessageQueue& queue = SLB3::Self<CMessageQueue>(L, "Pop");
     const unsigned int wait = OptMilliseconds(L, "Pop", 1, kNoLimit);
-    std::string& message = PushMessageBuffer(L);
+    auto& message = PushOwned<std::string>(L, "vel.queues.message");
     if (!queue.Pop(message, Deadline(wait), CRunnable::Current()))
         lua_pushnil(L);
     else

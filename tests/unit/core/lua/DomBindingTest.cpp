@@ -137,6 +137,30 @@ TEST_F(DomBinding, PluginFoldersLieInTheWorkFolder)
     EXPECT_EQ("/caf\xE9/diag", Value("return dom:GetPluginWorkdir('diag')"));
 }
 
+// Each call takes memory, and the collector, which may come then, runs finalizers that call the same methods.
+TEST_F(DomBinding, FinalizersMayCallWhatIsRunning)
+{
+    for (int i = 0; i < 200; ++i)
+        m_dom->Set("keys.of.the.store.number." + std::to_string(i), i);
+    m_dom->Set("short", std::string(900, 's'));
+    m_dom->Set("long", std::string(100000, 'l'));
+    m_dom->Set("other", std::string(200000, 'o'));
+    m_dom->Set("app.path.work", "/" + std::string(3000, 'w'));
+    // Garbage follows garbage, so that there is some wherever the collector comes.
+    EXPECT_EQ("true",
+              Value("local live = true local function finalize() if live then dom:Get('other') "
+                    "  dom:Keys('keys.of') dom:GetPluginWorkdir('x') setmetatable({}, { __gc = finalize }) end end "
+                    "local short, long, path = ('s'):rep(900), ('l'):rep(100000), '/' .. ('w'):rep(3000) .. '/y' "
+                    "local calls = { function() return dom:Get('short') == short end, "
+                    "  function() return dom:Get('long') == long end, "
+                    "  function() return dom:GetPluginWorkdir('y') == path end, "
+                    "  function() return dom:Keys('keys')[200] == 'keys.of.the.store.number.99' end } "
+                    "collectgarbage('setpause', 0) collectgarbage('setstepmul', 1000000) "
+                    "setmetatable({}, { __gc = finalize }) "
+                    "for i = 1, 5 do for j, call in ipairs(calls) do if not call() then return j end end end "
+                    "live = false return true"));
+}
+
 TEST_F(DomBinding, TimeIsMillisecondsAsANumber)
 {
     const std::int64_t before = VelCore::TimeNowMillis();
