@@ -7,5 +7,5 @@ function(vel_test name)
     target_link_libraries(${name} PRIVATE test_support ${arg_LIBRARIES} vel_flags)
     target_compile_options(${name} PRIVATE -O1 -g1) # half the time to compile; nobody waits for these programs
     add_test(NAME ${name} COMMAND ${name})
-    set_tests_properties(${name} PROPERTIES TIMEOUT 120)
+    set_tests_properties(${name} PROPERTIES TIMEOUT 900)
 endfunction()

@@ -234,6 +234,7 @@ def test_a_worker_killed_in_the_middle_of_a_scan_is_replaced_and_nothing_is_lost
     assert sorted(baseline(installation)) == [str(tree / name) for name in "abc"]
 
 
+@pytest.mark.crash
 def test_a_crash_in_a_runnable_is_a_crash_of_the_worker(installation, tree):
     monitor = Monitor(installation, tree)
     monitor.await_scans(1)
