@@ -108,6 +108,11 @@ def _printable(value):
     return value
 
 
+def pytest_collection_modifyitems(items):
+    """Slow scenarios come first, so that a parallel run does not end with one worker waiting for another."""
+    items.sort(key=lambda item: item.get_closest_marker("slow") is None)
+
+
 @pytest.hookimpl(hookwrapper=True)
 def pytest_report_to_serializable():
     """Lets a parallel run report a failure that shows bytes which are no text."""
