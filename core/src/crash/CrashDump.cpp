@@ -5,6 +5,7 @@
 #include "crash/CrashDump.h"
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -134,6 +135,8 @@ bool WriteDump(const CrashSite& site, const DumpSettings& settings, bool full, C
 
 void DumpSnapshot(const CrashSite& site, const DumpSettings& settings)
 {
+    if (settings.makeFolder)
+        mkdir(settings.folder, 0700); // whoever stands in its place shows when the dump is created
     CDumpFile fullFile;
     if (settings.full) {
         CMinidumpWriter writer(fullFile, SnapshotMemory());

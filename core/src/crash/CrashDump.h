@@ -10,6 +10,7 @@ struct DumpSettings
 {
     char folder[4096];
     char name[256];
+    bool makeFolder; // it was not there at the start; one that was removed since then stays removed
     bool full;
 };
 

@@ -15,6 +15,7 @@
 #include <ctime>
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -198,6 +199,8 @@ void InitCrashHandler(const wxString& path, const wxString& name, bool full)
     const std::size_t slash = file.rfind('/');
     Copy(slash == std::string::npos ? "." : file.substr(0, slash), g_settings.folder, sizeof g_settings.folder);
     Copy(slash == std::string::npos ? file : file.substr(slash + 1), g_settings.name, sizeof g_settings.name);
+    struct stat present = {};
+    g_settings.makeFolder = lstat(g_settings.folder, &present) != 0;
     g_settings.full = full;
     NoteForCrash("app.name", ToUtf8(name));
     CLogFile::Get().TellCrashHandler();

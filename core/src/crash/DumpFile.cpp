@@ -67,8 +67,6 @@ bool CDumpFile::Create(const char* folder, const char* name, pid_t process)
 {
     m_name = name;
     m_folder = OpenFolder(folder);
-    if (m_folder < 0 && errno == ENOENT && mkdir(folder, 0700) == 0)
-        m_folder = OpenFolder(folder);
     if (m_folder < 0)
         return Fail("cannot open its folder");
     CTextBuffer(m_partName, sizeof m_partName - 1).Add(name).Add(PartMark()).AddNumber(process);

@@ -22,9 +22,7 @@ public:
     CDumpFile(const CDumpFile&) = delete;
     CDumpFile& operator=(const CDumpFile&) = delete;
 
-    /// folder, name  where the dump is to be; terminated, valid as long as the object. A missing folder is made, for
-    /// its
-    ///               owner alone; one whose parent is missing is not.
+    /// folder, name  where the dump is to be; terminated, valid as long as the object
     /// process       makes the name beside it unique, see `PartMark`
     bool Create(const char* folder, const char* name, pid_t process);
 
