@@ -39,6 +39,9 @@ const int kRecordPatienceMs = 1000;
 
 DumpSettings g_settings;
 
+// Of the main thread; kept for as long as it runs, which is longer than static objects live.
+std::atomic<const CAlternateStack*> g_mainStack{nullptr};
+
 // Process and thread that handles its crash, 32 bits each. Both, because a fork inherits the variable, and not the
 // crash.
 std::atomic<std::uint64_t> g_owner{0};
@@ -206,8 +209,8 @@ void InitCrashHandler(const wxString& path, const wxString& name, bool full)
     CLogFile::Get().TellCrashHandler();
     RemoveAbandonedDumps(g_settings.folder, g_settings.name);
 
-    static const CAlternateStack& stack = *new CAlternateStack; // of the main thread, for as long as it runs
-    (void)stack;
+    if (!g_mainStack)
+        g_mainStack = new CAlternateStack;
     for (const int signal : kSignals)
         Install(signal);
 }
