@@ -124,19 +124,26 @@ bool CNewFile::Finish(mode_t permissions) const
     return second.IsOpen() && second.Close();
 }
 
-void RemoveLeftovers(int folder)
+std::vector<std::string> RemoveLeftovers(int folder)
 {
+    std::vector<std::string> folders;
     CDescriptor again = OpenAt(folder, ".", O_RDONLY | O_DIRECTORY);
     const std::unique_ptr<DIR, int (*)(DIR*)> listing(again.IsOpen() ? fdopendir(again.Get()) : nullptr, closedir);
     if (!listing) {
         wxLogWarning(L"%s", FromUtf8(DescribeError("Unable to look for unfinished files", errno)));
-        return;
+        return folders;
     }
     again.Release(); // the listing closes it
     while (const dirent* entry = readdir(listing.get())) {
-        if (IsTemporaryName(entry->d_name))
-            RemoveIfLeftover(folder, entry->d_name);
+        const std::string name = entry->d_name;
+        struct stat status = {};
+        if (IsTemporaryName(name))
+            RemoveIfLeftover(folder, name.c_str());
+        else if (name != "." && name != ".." && fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+                 S_ISDIR(status.st_mode))
+            folders.push_back(name);
     }
+    return folders;
 }
 
 } // namespace VelCore

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -53,9 +54,9 @@ private:
 };
 
 /// Removes the unfinished files that a crash or a power cut left in `folder`, a descriptor. Only regular files of the
-/// effective user that nobody is writing count as such.
+/// effective user that nobody is writing count as such. Returns the names of the folders in it.
 ///
 /// Errors: a warning for each that cannot be removed.
-void RemoveLeftovers(int folder);
+std::vector<std::string> RemoveLeftovers(int folder);
 
 } // namespace VelCore

@@ -34,6 +34,18 @@ std::uint64_t RandomNumber()
     return number;
 }
 
+// A folder below `top`, without following links.
+CDescriptor OpenBelow(int top, const std::string& folder)
+{
+    CDescriptor opened = OpenAt(top, ".", kFolderFlags);
+    for (std::size_t begin = 0; opened.IsOpen() && begin < folder.size();) {
+        const std::size_t end = std::min(folder.find('/', begin), folder.size());
+        opened = OpenAt(opened.Get(), folder.substr(begin, end - begin).c_str(), kFolderFlags | O_NOFOLLOW);
+        begin = end + 1;
+    }
+    return opened;
+}
+
 } // namespace
 
 CUnpackFolder::CUnpackFolder(std::string destination)
@@ -62,9 +74,24 @@ std::optional<CNewFile> CUnpackFolder::StartFile(const EntryPath& path, std::str
 {
     if (!Enter(path.folder, kMissingFolder, reason))
         return std::nullopt;
-    if (m_clean.insert(m_currentIdentity).second)
-        RemoveLeftovers(m_current.Get());
     return CNewFile::Create(m_current.Get(), m_fileNumber, reason);
+}
+
+void CUnpackFolder::RemoveLeftovers() const
+{
+    const CDescriptor top = OpenAt(AT_FDCWD, m_destination.c_str(), kFolderFlags);
+    if (!top.IsOpen())
+        return; // what is not there holds nothing; another reason is for the first entry to find
+    std::vector<std::string> folders{""};
+    while (!folders.empty()) {
+        const std::string folder = std::move(folders.back());
+        folders.pop_back();
+        const CDescriptor opened = OpenBelow(top.Get(), folder);
+        if (!opened.IsOpen())
+            continue; // gone meanwhile, or not ours to look into
+        for (const std::string& name : VelCore::RemoveLeftovers(opened.Get()))
+            folders.push_back(folder.empty() ? name : folder + '/' + name);
+    }
 }
 
 void CUnpackFolder::TakeBack()
@@ -163,10 +190,15 @@ bool CUnpackFolder::Descend(const std::string& part, mode_t permissions, std::st
 bool CUnpackFolder::MakeMissing(const std::string& part, mode_t permissions, std::string& reason)
 {
     const mode_t mode = permissions | kOwnersUse;
-    CDescriptor next;
-    if (mkdirat(m_current.Get(), part.c_str(), mode) == 0) {
+    const bool isOurs = mkdirat(m_current.Get(), part.c_str(), mode) == 0;
+    if (isOurs)
         m_madeLast.push_back(InCurrent(part));
+    CDescriptor next;
+    if (isOurs || errno == EEXIST)
         next = OpenAt(m_current.Get(), part.c_str(), kFolderFlags | O_NOFOLLOW);
+    if (next.IsOpen() && !isOurs) {
+        m_current = std::move(next); // another process has made it in the meantime
+        return true;
     }
     if (!next.IsOpen() || fchmod(next.Get(), mode) != 0 || !SyncWritten(m_current.Get())) {
         reason = DescribeError("cannot make the folder '" + PrintableName(part) + "'", errno);
@@ -174,7 +206,6 @@ bool CUnpackFolder::MakeMissing(const std::string& part, mode_t permissions, std
     }
     const FileIdentity made = IdentifyDescriptor(next.Get());
     m_made.insert(made);
-    m_clean.insert(made);
     m_current = std::move(next);
     return true;
 }

@@ -28,6 +28,10 @@ public:
     /// Remembers the destination; links in its path are followed.
     explicit CUnpackFolder(std::string destination);
 
+    /// Removes what earlier runs that did not come to their end have left unfinished, in every folder below the
+    /// destination. Links to folders are not followed.
+    void RemoveLeftovers() const;
+
     /// Makes sure that the folder exists, with missing ones on the way (0755). The permissions are for a folder that
     /// this object made; one that was there before keeps its own. Those that would not let the owner write into the
     /// folder wait until Finish.
@@ -35,8 +39,7 @@ public:
     /// Errors: false, and one line of English in `reason`.
     bool MakeFolder(const EntryPath& path, mode_t permissions, std::string& reason);
 
-    /// Starts the file that is to be put in place as `path.name`. Missing folders on the way are made (0755), and
-    /// what an earlier run left unfinished in its folder is removed.
+    /// Starts the file that is to be put in place as `path.name`. Missing folders on the way are made (0755).
     ///
     /// Ownership: the file needs this object, which must not be used for anything else before the file is in place.
     /// Errors:    nothing, and one line of English in `reason`.
@@ -73,7 +76,6 @@ private:
 
     std::set<FileIdentity> m_made;                            // folders made by this object
     std::vector<std::string> m_madeLast;                      // those made on the last way
-    std::set<FileIdentity> m_clean;                           // folders without leftovers
     std::map<std::string, mode_t> m_waitingPermissions;       // by folder
     std::vector<std::pair<dev_t, CDescriptor>> m_fileSystems; // written to; any folder on each
 };

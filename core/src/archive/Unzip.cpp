@@ -4,6 +4,7 @@
 
 #include <VelCore/Unzip.h>
 
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -92,6 +93,9 @@ public:
     // Names first, then the disk.
     bool Vet();
 
+    // Before anything is written: what was left may be what fills the disk.
+    void CleanUp() const { m_folder.RemoveLeftovers(); }
+
     bool Walk(bool (*callback)(void*, const wxZipEntry*, const wxString*), void* context);
 
     // Also after a failure: what was unpacked before it stays.
@@ -119,6 +123,8 @@ bool CUnpacking::Vet()
     for (const ZipEntry& entry : entries) {
         if (!ParseEntryPath(entry.name, m_paths.emplace_back(), reason))
             return Refuse(*m_archive, entry, reason);
+        if (TargetPath(m_destination, m_paths.back()).size() >= PATH_MAX)
+            return Refuse(*m_archive, entry, "the name is too long below '" + m_destination + "'");
     }
 
     CLinkCheck links;
@@ -224,6 +230,7 @@ bool Unzip(const wxFileName& archive, const wxFileName& destination,
     CUnpacking unpacking(std::move(opened), FolderPath(destination));
     if (!unpacking.Vet())
         return false;
+    unpacking.CleanUp();
     const bool walked = unpacking.Walk(callback, context);
     return unpacking.Finish() && walked;
 }

@@ -599,6 +599,14 @@ bool ReadZipDirectory(const ByteSource& source, std::vector<ZipEntry>& entries, 
     return false;
 }
 
+// No deflater takes more for so many bytes: it can always store them in blocks, and the worst of them do not come near
+// this. Without the bound, memory would be taken for whatever somebody appends to an entry.
+std::uint64_t MostCompressed(std::uint64_t size)
+{
+    const std::uint64_t slack = 0x10000;
+    return size > UINT64_MAX / 2 ? UINT64_MAX : size + size / 4 + slack;
+}
+
 bool CheckReadable(const ZipEntry& entry, std::string& reason)
 {
     if (entry.IsEncrypted())
@@ -609,6 +617,8 @@ bool CheckReadable(const ZipEntry& entry, std::string& reason)
         return Fail(reason, "the entry is stored, but its two sizes differ");
     if (entry.method == kDeflated && entry.size / kMaxDeflateRatio > entry.compressedSize)
         return Fail(reason, "the declared size is impossible for the compressed size");
+    if (entry.method == kDeflated && entry.compressedSize > MostCompressed(entry.size))
+        return Fail(reason, "the compressed size is impossible for the declared size");
     return true;
 }
 

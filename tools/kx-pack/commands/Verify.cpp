@@ -38,6 +38,9 @@ std::optional<Failure> FindKind(const std::string& file, const std::string& file
     struct stat status = {};
     if (::lstat(file.c_str(), &status) != 0)
         return Failure{Status::Failed, "cannot read '" + file + "': " + std::generic_category().message(errno)};
+    struct stat target = {};
+    if (S_ISLNK(status.st_mode) && ::stat(file.c_str(), &target) == 0)
+        status = target; // the agent passes over links to folders, too
     if (S_ISDIR(status.st_mode))
         return Failure{Status::Failed, "cannot read '" + file + "': it is a folder"};
     return std::nullopt;

@@ -165,9 +165,12 @@ TEST(EntryStream, NoticesDataBehindTheEndOfTheStream)
     item.data = VelTest::Deflate(item.content) + "x";
     EXPECT_EQ("the compressed data ends before its declared size", ReadItem(item).reason);
 
-    // More than is read at once.
-    item.data = VelTest::Deflate(item.content) + std::string(500000, 'x');
+    item.data = VelTest::Deflate(item.content) + std::string(60000, 'x');
     EXPECT_EQ("the compressed data ends before its declared size", ReadItem(item).reason);
+
+    // More than any stream of that content has.
+    item.data = VelTest::Deflate(item.content) + std::string(500000, 'x');
+    EXPECT_EQ("the compressed size is impossible for the declared size", ReadItem(item).reason);
 }
 
 TEST(EntryStream, NoticesAStreamThatIsCut)

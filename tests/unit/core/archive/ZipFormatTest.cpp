@@ -578,6 +578,19 @@ TEST(ZipEntryData, DeclaredSizeIsBoundedByTheRatioOfDeflate)
     EXPECT_EQ("the declared size is impossible for the compressed size", FirstEntryReason(CZipBuilder({item}).Build()));
 }
 
+TEST(ZipEntryData, WhatIsAppendedToCompressedDataIsRefusedBeforeMemoryIsTakenForIt)
+{
+    std::string reason;
+    VelCore::ZipEntry entry;
+    entry.method = 8;
+    entry.size = 1;
+    entry.compressedSize = 0x10000 + 1;
+    EXPECT_TRUE(VelCore::CheckReadable(entry, reason)) << reason;
+    entry.compressedSize = 0x10000 + 2;
+    EXPECT_FALSE(VelCore::CheckReadable(entry, reason));
+    EXPECT_EQ("the compressed size is impossible for the declared size", reason);
+}
+
 TEST(ZipEntryData, SmallEntryCostsOneRead)
 {
     ZipItem item = Item("a.lua");
