@@ -88,7 +88,7 @@ function TestPeriodic.testAnErrorOfTheWorkEndsTheLoop()
 end
 
 function TestPeriodic.testABeatHasToBeOne()
-  for _, seconds in ipairs({ 0, -1, "5", 0 / 0 }) do
+  for _, seconds in ipairs({ 0, -1, "5", 0 / 0, math.huge }) do
     lu.assertErrorMsgContains("seconds: a number above 0 expected", periodic.Run, newWorld(0), seconds, print)
   end
 end

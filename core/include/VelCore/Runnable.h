@@ -36,7 +36,9 @@ public:
     /// Starts the thread.
     ///
     /// priority        the framework's 0 to 100; 50 is the default
-    /// inheritSignals  true: the thread starts with the caller's signal mask; false: with every signal blocked
+    /// inheritSignals  true: the thread starts with the caller's signal mask; false: with every signal blocked but
+    /// those of a
+    ///                 crash. SigThreadDelete is never blocked.
     /// stackSize       bytes; 0 for 8 MiB, which Lua's recursion through C needs on systems whose default is small
     ///
     /// Errors: false when no thread could be made; the framework has logged why.

@@ -211,8 +211,14 @@ void InitCrashHandler(const wxString& path, const wxString& name, bool full)
 
     if (!g_mainStack)
         g_mainStack = new CAlternateStack;
-    for (const int signal : kSignals)
+    sigset_t crashes;
+    sigemptyset(&crashes);
+    for (const int signal : kSignals) {
         Install(signal);
+        sigaddset(&crashes, signal);
+    }
+    // The caller may have left them blocked; a crash would then end the process without the handler.
+    pthread_sigmask(SIG_UNBLOCK, &crashes, nullptr);
 }
 
 } // namespace VelCore

@@ -25,6 +25,9 @@ const char kEnd = '}';
 // Tables in tables. One that holds itself gets here as well.
 const int kMaxDepth = 100;
 
+// Of all that a table holds. One that is reached in several ways is packed as often, which doubles with each level.
+const std::size_t kMaxTableSize = 0x4000000; // bytes: 64 MiB
+
 template <typename Plain>
 void Append(const Plain& value, std::string& packed)
 {
@@ -61,6 +64,8 @@ const char* PackTable(lua_State* L, int at, int depth, std::string& packed)
         problem = Pack(L, top + 1, depth, packed);
         if (!problem)
             problem = Pack(L, top + 2, depth, packed);
+        if (!problem && packed.size() > kMaxTableSize)
+            problem = "a table holds more than 64 MiB";
         lua_settop(L, top + 1);
     }
     lua_settop(L, top);

@@ -37,6 +37,15 @@ void GiveSignalAHandler(int signal)
     sigaction(signal, &action, nullptr);
 }
 
+// Whatever the caller of the program has blocked: a thread that nobody can interrupt would hold up the end.
+void UnblockInterruption()
+{
+    sigset_t interruption;
+    sigemptyset(&interruption);
+    sigaddset(&interruption, CRunnable::SigThreadDelete);
+    pthread_sigmask(SIG_UNBLOCK, &interruption, nullptr);
+}
+
 } // namespace
 
 // The first real-time signals belong to the C library on some systems.
@@ -59,6 +68,8 @@ bool CRunnable::start(unsigned int priority, bool inheritSignals, unsigned int s
     sigset_t all;
     sigset_t callers;
     sigfillset(&all);
+    for (const int crash : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT})
+        sigdelset(&all, crash);
     if (!inheritSignals)
         pthread_sigmask(SIG_SETMASK, &all, &callers);
     const bool created = Create(stackSize == 0 ? kStackSize : stackSize) == wxTHREAD_NO_ERROR;
@@ -105,7 +116,8 @@ bool CRunnable::IsRunning()
 
 bool CRunnable::IsRunningLocked() const
 {
-    return m_phase != Phase::New && !m_ended;
+    // The thread may be at work before `start` has noted that it was let go.
+    return (m_running || m_phase != Phase::New) && !m_ended;
 }
 
 bool CRunnable::AwaitEnd(Clock::time_point deadline)
@@ -146,6 +158,7 @@ void* CRunnable::Entry()
     };
 
     const CAlternateStack crashStack;
+    UnblockInterruption();
     wxLog::SetThreadActiveTarget(wxLog::GetActiveTarget());
     SetNameForCurrent(wxString::FromUTF8(GetThreadName()));
 

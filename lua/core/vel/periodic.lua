@@ -22,7 +22,7 @@ end
 --
 -- Errors: an error of work() ends the loop.
 function periodic.Run(runnable, seconds, work, isWanted, now)
-  assert(type(seconds) == "number" and seconds > 0, "seconds: a number above 0 expected")
+  assert(type(seconds) == "number" and seconds > 0 and seconds < math.huge, "seconds: a number above 0 expected")
   now = now or monotonicSeconds
   local start = now()
   local beat = 0 -- the next one

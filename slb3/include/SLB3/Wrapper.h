@@ -84,13 +84,18 @@ void Share(SharedObject<T>& shared, std::shared_ptr<T> owner)
     shared.object.pointer = shared.owner.get();
 }
 
+/// Calls the C function in the second upvalue. A C++ exception of its becomes a Lua error, so that a script can catch
+/// it and no frame of Lua's is left by it.
+int CallGuarded(lua_State* L);
+
 /// Adds a method to the namespace table at `namespaceAt`. The method finds its class's metatable in its first
-/// upvalue, so that `Self` needs no look-up by name.
+/// upvalue, so that `Self` needs no look-up by name. It may throw.
 template <typename T>
 void AddMethod(lua_State* L, int namespaceAt, const char* name, lua_CFunction method)
 {
     luaL_getmetatable(L, Wrapper<T>::ClassName());
-    lua_pushcclosure(L, method, 1);
+    *static_cast<lua_CFunction*>(lua_newuserdata(L, sizeof method)) = method;
+    lua_pushcclosure(L, CallGuarded, 2);
     lua_setfield(L, namespaceAt, name);
 }
 

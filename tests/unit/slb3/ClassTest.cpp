@@ -1,6 +1,8 @@
 #include <SLB3/Wrapper.h>
 
 #include <memory>
+#include <new>
+#include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -32,6 +34,16 @@ int Add(lua_State* L)
     return 1;
 }
 
+int ThrowBadAlloc(lua_State*)
+{
+    throw std::bad_alloc();
+}
+
+int ThrowLengthError(lua_State*)
+{
+    throw std::length_error("the length of it");
+}
+
 } // namespace
 
 namespace SLB3 {
@@ -44,6 +56,8 @@ struct Wrapper<Counter>
     {
         ++g_registrations;
         AddMethod<Counter>(L, namespaceAt, "Add", Add);
+        AddMethod<Counter>(L, namespaceAt, "ThrowBadAlloc", ThrowBadAlloc);
+        AddMethod<Counter>(L, namespaceAt, "ThrowLengthError", ThrowLengthError);
     }
 };
 
@@ -100,6 +114,15 @@ TEST_F(SlbClass, MethodsWorkOnTheObjectItself)
     EXPECT_EQ("5", Value("return c:Add(5)"));
     EXPECT_EQ("6", Value("return c:Add()"));
     EXPECT_EQ(6, m_counter.value);
+}
+
+TEST_F(SlbClass, AnExceptionOfAMethodIsALuaError)
+{
+    Push("c", &m_counter);
+    EXPECT_EQ("false not enough memory",
+              Value("local ok, message = pcall(c.ThrowBadAlloc, c) return tostring(ok) .. ' ' .. message"));
+    EXPECT_EQ("false the length of it",
+              Value("local ok, message = pcall(c.ThrowLengthError, c) return tostring(ok) .. ' ' .. message"));
 }
 
 TEST_F(SlbClass, ANullPointerIsNilAndDefinesNothing)

@@ -81,6 +81,12 @@ TEST_F(PackedValues, TablesMayBeAHundredDeep)
     EXPECT_EQ("tables are nested too deeply", Shown("(function() local t = {} t.t = t return t end)()", "v"));
 }
 
+TEST_F(PackedValues, TablesThatGrowWithEveryLevelAreRefused)
+{
+    EXPECT_EQ("a table holds more than 64 MiB",
+              Shown("(function() local t = {} for i = 1, 60 do t = {t, t} end return t end)()", "v"));
+}
+
 TEST_F(PackedValues, OtherValuesAreRefusedWhereverTheyAre)
 {
     const std::string refusal = "only strings, booleans, numbers and tables of these can be handed over";

@@ -277,13 +277,36 @@ TEST(Runnable, TheCallersSignalMaskIsInherited)
         EXPECT_EQ(0, sigismember(&mask, signal)) << signal;
 }
 
-TEST(Runnable, WithoutInheritanceEverySignalIsBlocked)
+TEST(Runnable, AThreadCanBeInterruptedWhateverTheCallerHasBlocked)
+{
+    sigset_t every;
+    sigset_t before;
+    sigfillset(&every);
+    pthread_sigmask(SIG_SETMASK, &every, &before);
+    const sigset_t mask = MaskOfThread(true);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_EQ(0, sigismember(&mask, CRunnable::SigThreadDelete));
+    EXPECT_EQ(1, sigismember(&mask, SIGUSR1));
+}
+
+TEST(Runnable, ItRunsFromItsFirstActionOn)
+{
+    for (int round = 0; round < 200; ++round) {
+        CTestRunnable runnable([](CRunnable& self) { return self.IsRunning() ? 0 : 1; });
+        ASSERT_TRUE(runnable.start(50, true, 0));
+        ASSERT_EQ(0, runnable.join());
+    }
+}
+
+TEST(Runnable, WithoutInheritanceEveryOtherSignalIsBlocked)
 {
     sigset_t before;
     pthread_sigmask(SIG_SETMASK, nullptr, &before);
     const sigset_t mask = MaskOfThread(false);
-    for (const int signal : {SIGUSR1, SIGUSR2, SIGTERM, SIGINT, SIGCHLD, SIGALRM, CRunnable::SigThreadDelete})
+    for (const int signal : {SIGUSR1, SIGUSR2, SIGTERM, SIGINT, SIGCHLD, SIGALRM})
         EXPECT_EQ(1, sigismember(&mask, signal)) << signal;
+    for (const int signal : {SIGSEGV, SIGABRT, CRunnable::SigThreadDelete})
+        EXPECT_EQ(0, sigismember(&mask, signal)) << signal;
 
     sigset_t after;
     pthread_sigmask(SIG_SETMASK, nullptr, &after);
