@@ -143,9 +143,15 @@ def through_shell(script):
     return ("sh", "-c", script, "sh")
 
 
+def _propagation():
+    """What `unshare` is to do about the mounts that are there: it cannot do it in a changed root, which is no mount."""
+    is_mount = any(line.split()[4] == "/" for line in Path("/proc/self/mountinfo").read_text().splitlines())
+    return "private" if is_mount else "unchanged"
+
+
 def in_private_mounts(script):
     """As `through_shell`, with mounts that nobody else sees and that end with the command."""
-    return ("unshare", "-m", *through_shell(script))
+    return ("unshare", "-m", "--propagation", _propagation(), *through_shell(script))
 
 
 def write_archive(path, entries):
