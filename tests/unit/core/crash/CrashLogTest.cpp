@@ -1,7 +1,8 @@
 #include "crash/CrashLog.h"
 
 #include <algorithm>
-#include <regex>
+#include <cctype>
+#include <string>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -41,8 +42,10 @@ TEST(CrashLog, RecordLooksLikeEveryOther)
     const CTempFolder folder;
     const Written written = Record(folder / "app.log", "tab\tand\nline");
 
-    const std::regex shape(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \[4711\] Error: tab\\tand\\nline\n)");
-    EXPECT_TRUE(std::regex_match(written.log, shape)) << written.log;
+    std::string shape = written.log;
+    std::replace_if(
+        shape.begin(), shape.end(), [](unsigned char byte) { return std::isdigit(byte) != 0; }, '0');
+    EXPECT_EQ("0000-00-00 00:00:00 [0000] Error: tab\\tand\\nline\n", shape);
     EXPECT_EQ(written.log, written.shown);
     EXPECT_EQ(0600u, VelTest::ModeOf(folder / "app.log"));
 }
