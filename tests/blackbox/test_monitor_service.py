@@ -59,13 +59,15 @@ class Monitor:
         return self.agent.wait_for(described, f"event {number} with {part!r}")[0]
 
     def is_reading(self, path):
-        """The worker that has the file open; None when there is none."""
+        """The worker that has the file open; None when there is none. By its inode: in mounts of its own, or a changed
+        root, the worker may know the file by another path."""
+        wanted = os.stat(path)
         for pid in self.agent.processes():
             try:
-                held = [os.readlink(f"/proc/{pid}/fd/{number}") for number in os.listdir(f"/proc/{pid}/fd")]
+                held = [os.stat(f"/proc/{pid}/fd/{number}") for number in os.listdir(f"/proc/{pid}/fd")]
             except OSError:
                 continue
-            if str(path) in held:
+            if any(os.path.samestat(wanted, each) for each in held):
                 return pid
         return None
 

@@ -214,6 +214,7 @@ def test_worker_that_crashes_behind_main_is_replaced(installation):
     await_blocked_in(second, script_thread(second), RT_SIGTIMEDWAIT)
 
 
+@pytest.mark.crash
 def test_order_of_the_lines_about_one_death(installation):
     agent = installation.start_in_background(main=f"dom:Log('error', 'out of paper') {die(signal.SIGSEGV)}", env=sanitizer_options(*UNHANDLED))
 

@@ -89,8 +89,9 @@ void CUnpackFolder::RemoveLeftovers() const
         const CDescriptor opened = OpenBelow(top.Get(), folder);
         if (!opened.IsOpen())
             continue; // gone meanwhile, or not ours to look into
+        const std::string way = folder.empty() ? folder : folder + '/';
         for (const std::string& name : VelCore::RemoveLeftovers(opened.Get()))
-            folders.push_back(folder.empty() ? name : folder + '/' + name);
+            folders.push_back(std::string(way).append(name));
     }
 }
 

@@ -1,8 +1,8 @@
 -- vel.queue: messages between runnables, and between them and the application's own thread.
 --
 -- A queue has a name; whoever opens it by this name has the same one. It is there as long as somebody has it open, or
--- something is in it. Messages are strings, booleans, numbers, and tables of these and of such tables, up to 100 deep and
--- 64 MiB in all. They arrive as copies, in the order in which they were pushed, each at one receiver.
+-- something is in it. Messages are strings, booleans, numbers, and tables of these and of such tables, up to 100 deep
+-- and 64 MiB in all. They arrive as copies, in the order in which they were pushed, each at one receiver.
 --
 --   queue:Push(message [, ms])  appends the message; while the queue is full, waits for room, up to `ms` milliseconds.
 --                               Result: false when there was none.
