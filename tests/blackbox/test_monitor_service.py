@@ -12,8 +12,6 @@ import pytest
 from agentbox import DEADLINE_S, await_line, in_private_mounts
 from monitorbox import ADDED, CHANGED, COMPLETE, FAILED, INCOMPLETE, REMOVED, RESET, baseline, events
 
-as_root = pytest.mark.skipif(os.geteuid() != 0, reason="needs root")
-
 STOPPED = "Message: monitor run stopped before its end; the baseline is the old one"
 
 # Sparse: takes no room, and minutes to read.
@@ -251,7 +249,6 @@ def test_a_crash_in_a_runnable_is_a_crash_of_the_worker(installation, tree):
 # A full disk
 
 
-@as_root
 def test_a_full_disk_ends_nothing_and_loses_no_change(installation, tree):
     installation.work.mkdir()
     place = in_private_mounts(f'mount -t tmpfs -o size=2m none "{installation.work}" && exec "$@"')

@@ -13,7 +13,7 @@ local fixture = {}
 
 function fixture.setUp()
   top = assert(stdlib.mkdtemp("/tmp/monitor_baseline_test.XXXXXX"))
-  folder = top .. "/work/monitor"
+  folder = top .. "/state/monitor"
 end
 
 function fixture.tearDown()

@@ -29,7 +29,7 @@ local function newOutcome(changes)
     folders = { { path = "/etc", taken = 0 } },
     rules = {},
     problems = {},
-    baseline = "/work/monitor/baseline.db",
+    baseline = "/state/monitor/baseline.db",
     files = 1, bytes = 2, unreadable = 3, added = 4, changed = 5, removed = 6, taken = 7,
     seconds = 1.2344,
     isComplete = true,
@@ -80,7 +80,7 @@ function TestJson.testAWholeDocument()
     .. '"folders":[\n{"path":"/etc","taken":0}\n],\n'
     .. '"rules":[\n{"module":"monitor.rules.a","rules":2}\n],\n'
     .. '"problems":[\n"monitor.rules.b: bad"\n],\n'
-    .. '"baseline":{"path":"/work/monitor/baseline.db"},\n'
+    .. '"baseline":{"path":"/state/monitor/baseline.db"},\n'
     .. '"summary":{"files":1,"bytes":2,"unreadable":3,"added":4,"changed":5,"removed":6,"taken":7,'
     .. '"milliseconds":1234},\n'
     .. '"complete":true,\n"result":"compared"}\n')

@@ -30,11 +30,11 @@ class Service:
     @classmethod
     def install(cls, machine):
         """As the page says, from a clone that has been built."""
-        clone = machine.path("/root/clone")
+        clone = machine.path("/usr/src/clone")
         shutil.copytree(BUILD / "bin", clone / "build/bin")
         shutil.copytree(PROJECT / "packaging", clone / "packaging")
         for block in shell_blocks("systemd: install"):
-            machine.run("sh", "-e", cwd="/root/clone", input=block)
+            machine.run("sh", "-e", cwd="/usr/src/clone", input=block)
         return cls(machine, "kx_agent")
 
     @classmethod
