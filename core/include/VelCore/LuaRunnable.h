@@ -44,6 +44,7 @@ protected:
     int OnRun() override;
 
 private:
+    int RunModule();
     static int PrepareInterpreter(lua_State* L);
 
     std::string m_module;

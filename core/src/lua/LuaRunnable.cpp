@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <exception>
 #include <utility>
 
 #include <wx/mstream.h>
@@ -76,9 +77,20 @@ int CLuaRunnable::PrepareInterpreter(lua_State* L)
     return 2 + PushPacked(L, fresh.runnable.m_values);
 }
 
+// What escapes the methods that Lua calls is caught there; this is for the host's own part.
 int CLuaRunnable::OnRun()
 {
     BlockStopSignals();
+    try {
+        return RunModule();
+    } catch (const std::exception& exception) {
+        LogText(wxLOG_Error, "Runnable '" + m_module + "' has failed: " + exception.what());
+        return LUA_ERRMEM;
+    }
+}
+
+int CLuaRunnable::RunModule()
+{
     const wxString name = FromUtf8(m_module);
     CLuaInterpreter interpreter(true, name.wc_str(), true);
     lua_State* L = interpreter.L();
