@@ -1,6 +1,8 @@
 #include "cmdline/WorkFolder.h"
 
+#include <atomic>
 #include <string>
+#include <thread>
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -60,6 +62,25 @@ TEST_F(WorkFolder, AnExistingOneKeepsItsRights)
     ASSERT_EQ(0, chmod((m_folder / "work").c_str(), 0755));
     Create(m_folder / "work");
     EXPECT_EQ(0755u, ModeOf(m_folder / "work"));
+}
+
+TEST_F(WorkFolder, IsMadeBySeveralAtOnceWithoutAnError)
+{
+    for (int round = 0; round < 200; ++round) {
+        const std::string path = m_folder / ("round " + std::to_string(round) + "/a/work");
+        std::atomic<int> ready{0};
+        const auto create = [&ready, &path] {
+            for (++ready; ready < 2;) {
+            }
+            Create(path);
+        };
+        std::thread other(create);
+        create();
+        other.join();
+        ASSERT_EQ(0700u, ModeOf(path));
+    }
+    wxLog::FlushActive();
+    EXPECT_TRUE(m_log.Records().empty()) << m_log.Records().front().text;
 }
 
 TEST_F(WorkFolder, NamesOfAnyLettersAreMade)

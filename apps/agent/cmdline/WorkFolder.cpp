@@ -6,9 +6,23 @@
 
 #include <vector>
 
+#include <sys/stat.h>
+
 #include <wx/filename.h>
 
 #include <VelCore/SecureFile.h>
+
+namespace {
+
+// Agents that share a folder may start at the same moment: one that another has just made is no failure, which the
+// framework's own call takes it for. That call comes last, for its record of what cannot be made.
+bool MakeLevel(const wxString& level)
+{
+    return mkdir(level.fn_str(), 0600) == 0 || wxFileName::DirExists(level) ||
+           wxFileName::Mkdir(level, 0600, wxPATH_MKDIR_FULL);
+}
+
+} // namespace
 
 void CreateWorkFolder(const wxString& folder)
 {
@@ -21,7 +35,7 @@ void CreateWorkFolder(const wxString& folder)
             break;
     }
     for (auto level = missing.rbegin(); level != missing.rend(); ++level) {
-        if (!wxFileName::Mkdir(*level, 0600, wxPATH_MKDIR_FULL))
+        if (!MakeLevel(*level))
             return;
         VelCore::SecureFileOrDirectory(*level, false);
     }
