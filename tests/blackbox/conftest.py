@@ -77,7 +77,8 @@ def open_installation():
 def _preloading(folder, source):
     """Makes environments in which the library of this source is preloaded into the agent, with settings for it."""
     library = folder / f"{source}.so"
-    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, SUPPORT / f"{source}.c", "-ldl"], check=True)
+    compiler = "c++" if source.endswith(".cpp") else "cc"
+    subprocess.run([compiler, "-shared", "-fPIC", "-o", library, SUPPORT / source, "-ldl"], check=True)
 
     def environment(*more_sanitizer_options, **settings):
         changes = {"LD_PRELOAD": str(library), **{name: str(value) for name, value in settings.items()}}
@@ -89,13 +90,19 @@ def _preloading(folder, source):
 @pytest.fixture(scope="session")
 def preloaded(tmp_path_factory):
     """Environments in which the agent's system calls do as they are told: `preloaded(TEST_FORK=1)`."""
-    return _preloading(tmp_path_factory.mktemp("preloaded"), "preloaded_calls")
+    return _preloading(tmp_path_factory.mktemp("preloaded"), "preloaded_calls.c")
 
 
 @pytest.fixture(scope="session")
 def disturbed(tmp_path_factory):
     """Environments in which one of the agent's calls that change files goes wrong: `disturbed(TEST_CHANGE=1)`."""
-    return _preloading(tmp_path_factory.mktemp("disturbed"), "changing_calls")
+    return _preloading(tmp_path_factory.mktemp("disturbed"), "changing_calls.c")
+
+
+@pytest.fixture(scope="session")
+def throwing(tmp_path_factory):
+    """Environments in which the agent's wait for a child throws: `throwing(TEST_THROW="int")`."""
+    return _preloading(tmp_path_factory.mktemp("throwing"), "throwing_waitpid.cpp")
 
 
 def _printable(value):

@@ -617,6 +617,29 @@ def test_the_work_folder_is_expanded_and_normalised(installation, given, folder)
     assert oct(mode(installation.root / folder)) == "0o700"
 
 
+@pytest.mark.parametrize("locale", [{"LANG": "C.UTF-8"}, {"LC_ALL": "C"}, {"LANG": None}, {"LANG": "xx_YY.UTF-8"}], ids=str)
+@pytest.mark.parametrize("name", ["gr\u00f6\u00dfe", "caf\udce9"], ids=["letters", "no text"])
+@pytest.mark.parametrize("given", ["$KX_ROOT/work", "~/work"])
+def test_a_work_folder_from_the_environment_is_a_file_name_in_every_locale(installation, locale, name, given):
+    installation.write_app(main="io.write(dom:Get('app.path.work')) return 0")
+    root = installation.root / name
+
+    outcome = installation.run("-w", given, env={"KX_ROOT": str(root), "HOME": str(root), **locale})
+
+    assert outcome.status == 0, outcome
+    assert (root / "work").is_dir()
+    assert oct(mode(root / "work")) == "0o700"
+
+
+def test_a_bracket_that_is_not_closed_in_the_work_folder_is_named(installation):
+    installation.write_domain_app()
+
+    outcome = installation.run("-w", "a${HOME", env={})
+
+    assert outcome.domain["app.path.work"] == f"{installation.root}/a${{HOME"
+    assert "Warning: 'a${HOME': a '}' is missing" in outcome.err
+
+
 def test_an_empty_work_folder_is_the_current_folder(installation):
     folder = installation.root / "current"
     folder.mkdir()

@@ -608,6 +608,8 @@ UNUSABLE = {
     "wraps around to a living one": "{wrapped}\n",
     "very large": "9" * 100 + "\n",
     "endless": "1" * 1_000_000 + "\n",
+    "endless zeros and a number": "0" * 1_000_000 + "{pid}\n",
+    "zeros, a number and a line": "0" * 22 + "{pid}\njunk\n",
     "blank in front": " {pid}\n",
     "blank behind": "{pid} \n",
     "empty line behind": "{pid}\n\n",

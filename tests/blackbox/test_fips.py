@@ -98,6 +98,17 @@ def assert_on(installation, outcome, folder=None):
     assert fips_records(installation) == [f"Verbose: OPENSSL_ENGINES = {folder}", "Trace: FIPS mode is ON"]
 
 
+@pytest.mark.parametrize("locale", [{"LANG": "C.UTF-8"}, {"LC_ALL": "C"}, {"LANG": None}], ids=str)
+@pytest.mark.parametrize("name", ["gr\u00f6\u00dfe", "caf\udce9"], ids=["letters", "no text"])
+def test_the_library_is_told_the_folder_in_every_locale(install, tmp_path, locale, name):
+    installation = install(tmp_path / name)
+
+    outcome = run(installation, ON, env=locale)
+
+    assert outcome.status == 0, outcome
+    assert f"engines\t{engines(installation)}\n" in outcome.out
+
+
 # Off.
 
 

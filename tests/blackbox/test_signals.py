@@ -112,8 +112,9 @@ def test_sigint_leaves_the_records_in_the_log(installation):
     assert installation.log_lines("Message") == ["logged before"]
 
 
-def test_sigint_that_the_caller_ignored_ends_all_the_same(installation):
-    process = start(installation, None, "main", "while true do end", wrapper=("env", "--ignore-signal=INT"))
+@pytest.mark.parametrize("left", ["ignore", "block"])
+def test_sigint_that_the_caller_kept_away_ends_all_the_same(installation, left):
+    process = start(installation, None, "main", "while true do end", wrapper=("env", f"--{left}-signal=INT"))
 
     process.send_signal(signal.SIGINT)
 
@@ -264,8 +265,8 @@ def test_exactly_two_threads_while_the_script_runs(installation, name):
 @BOTH
 @pytest.mark.parametrize(
     "wrapper",
-    [(), ("env", "--ignore-signal=CHLD,PIPE,TERM,INT,USR1"), ("env", "--block-signal=TERM")],
-    ids=["plain", "several ignored", "SIGTERM blocked"],
+    [(), ("env", "--ignore-signal=CHLD,PIPE,TERM,INT,USR1"), ("env", "--block-signal=TERM"), ("env", "--block-signal=INT,USR1,HUP,CHLD")],
+    ids=["plain", "several ignored", "SIGTERM blocked", "others blocked"],
 )
 def test_masks_of_the_threads(installation, name, wrapper):
     process = start(installation, name, "main", "while true do end", wrapper=wrapper)

@@ -437,6 +437,20 @@ def test_clock_that_goes_back_does_not_end_the_agent(installation, preloaded, cl
     assert agent.stop() == 0
 
 
+def test_a_start_counts_from_before_its_delay(installation, preloaded, clock):
+    agent = installation.start_in_background(env=preloaded(TEST_CLOCK=clock.path))
+    worker = agent.worker_in("main")
+    os.kill(worker, signal.SIGKILL)
+    agent.record(DELAYED)
+    clock.set(300)
+    worker = agent.worker_in("main", other_than={worker})
+
+    kill_worker_later(agent, clock, 512 + 20, worker)
+
+    assert delays(agent) == [DELAYED]
+    assert agent.stop() == 0
+
+
 # The driver stop
 
 
@@ -637,6 +651,25 @@ def test_wait_that_gives_another_process_is_repeated(installation, preloaded):
     assert agent.stop() == 5
 
     assert agent.lines()[-1] == ended(1280, 5)
+
+
+UNHANDLED_TRACE = "OnUnhandledException() - caught unhandled {}, terminating app."
+
+
+@pytest.mark.parametrize(
+    ("thrown", "description"),
+    [("runtime_error", 'std::exception of type "St13runtime_error", what() = "x"'), ("int", "int exception 42")],
+)
+def test_an_exception_that_ends_the_watchdog_is_traced(installation, throwing, thrown, description):
+    agent = installation.start_in_background("-t", "Appl", env=throwing(TEST_THROW=thrown))
+
+    agent.await_nothing_left()
+
+    assert agent.status_of(agent.watchdog) == 255
+    traced = [record.text for record in agent.records() if record.pid == agent.watchdog and "OnUnhandledException" in record.text]
+    assert [text[text.index("OnUnhandledException()"):] for text in traced] == [
+        "OnUnhandledException()", UNHANDLED_TRACE.format(description)]
+    assert not agent.pid_file.exists()
 
 
 # What it costs

@@ -242,6 +242,18 @@ def test_named_file(installation, written, place):
     assert warnings(installation) == []
 
 
+@pytest.mark.parametrize("locale", [{"LANG": "C.UTF-8"}, {"LC_ALL": "C"}, {"LANG": None}], ids=str)
+@pytest.mark.parametrize("written", ["$KX_FOLDER/x.kxe", "~/x.kxe"])
+def test_a_folder_from_the_environment_is_a_file_name_in_every_locale(installation, locale, written):
+    folder = installation.root / "gr\u00f6\u00dfe"
+    wanted = archive(installation, "gr\u00f6\u00dfe/x.kxe")
+
+    searched = installation.search_list("-z", written, env={"KX_FOLDER": str(folder), "HOME": str(folder), **locale})
+
+    assert searched == [generic(installation), wanted]
+    assert warnings(installation) == []
+
+
 def test_absolute_name_is_squeezed(installation):
     wanted = archive(installation, "x.kxe")
 

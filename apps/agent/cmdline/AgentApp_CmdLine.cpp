@@ -19,6 +19,7 @@
 #include "DomainKeys.h"
 #include "cmdline/ConfigSettings.h"
 #include "cmdline/DomainVarSpec.h"
+#include "cmdline/Environment.h"
 #include "cmdline/ExpandPathPlugins.h"
 #include "cmdline/OptionTable.h"
 #include "cmdline/TraceList.h"
@@ -94,7 +95,7 @@ void CAgentApp::TakeWorkFolder(const wxCmdLineParser& parser)
     wxFileName folder;
     wxString given;
     if (parser.Found(Options::kWorkDir, &given)) {
-        folder.AssignDir(wxExpandEnvVars(given));
+        folder.AssignDir(ExpandFileName(given));
     } else {
         folder.AssignDir(ExecutableName().GetPath(wxPATH_GET_VOLUME));
         folder.AppendDir(L"work");

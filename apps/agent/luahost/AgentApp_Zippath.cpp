@@ -16,6 +16,7 @@
 #include <VelCore/Trace.h>
 
 #include "DomainKeys.h"
+#include "cmdline/Environment.h"
 #include "luahost/Tokenize.h"
 #include "luahost/ZipSpec.h"
 
@@ -49,7 +50,7 @@ wxString ExtensionPattern(const wxString& folder, const wxString& bin)
 {
     if (folder.empty())
         return wxString();
-    wxFileName pattern = wxFileName::DirName(folder);
+    wxFileName pattern = wxFileName::DirName(ExpandHome(folder));
     pattern.SetName(L"*");
     pattern.SetExt(kArchiveExtension);
     pattern.Normalize(kNormalise, bin);
@@ -100,7 +101,7 @@ void CAgentApp::AppendSpecification(const wxString& token, wxString& zippath)
 {
     // A name with a path that a variable brings in still counts as explicit: the token decides as it is written.
     const bool isPattern = IsWildcard(token);
-    wxFileName specification(wxExpandEnvVars(token));
+    wxFileName specification(ExpandFileName(token));
     // The framework counts a leading "~" as absolute.
     if (specification.IsRelative() || specification.GetFullPath().StartsWith(L"~"))
         specification.Normalize(kNormalise, m_dom->GetWxString(DomainKeys::kPathBin));

@@ -4,9 +4,10 @@
 
 #include "AgentApp.h"
 
+#include <cstdlib>
+
 #include <wx/filename.h>
 #include <wx/log.h>
-#include <wx/utils.h>
 
 #include <VelCore/Dom.h>
 #include <VelCore/OpenSslThreads.h>
@@ -79,7 +80,7 @@ bool CAgentApp::EnterFipsMode(int& exitCode)
     wxFileName engines = wxFileName::DirName(m_dom->GetWxString(DomainKeys::kPathLib));
     engines.AppendDir(L"engines");
     const wxString folder = engines.GetPath(wxPATH_GET_VOLUME, wxPATH_NATIVE);
-    const bool setEnginesVariable = wxSetEnv(L"OPENSSL_ENGINES", folder);
+    const bool setEnginesVariable = setenv("OPENSSL_ENGINES", VelCore::ToUtf8(folder).c_str(), 1) == 0;
     wxASSERT(setEnginesVariable);
     wxUnusedVar(setEnginesVariable);
     wxLogVerbose(L"OPENSSL_ENGINES = %s", folder);

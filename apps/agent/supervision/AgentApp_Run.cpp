@@ -23,12 +23,20 @@ int CAgentApp::OnRun()
 
     if (!m_background) {
         wxLog::SetLogLevel(wxLOG_Max);
+        BlockOnlySigterm();
         RunWorker();
     }
 
     if (!BecomeDaemon(exitCode))
         return exitCode;
-    if (SuperviseWorker(exitCode) == Role::Worker)
+    Role role = Role::Watchdog;
+    try {
+        role = SuperviseWorker(exitCode);
+    } catch (...) {
+        RemovePidFile();
+        throw;
+    }
+    if (role == Role::Worker)
         RunWorker();
 
     RemovePidFile(); // only the watchdog comes this far

@@ -76,6 +76,12 @@ void VelSignalHandler(int signal)
         _exit(0);
 }
 
+void BlockOnlySigterm()
+{
+    const sigset_t set = SetOf({SIGTERM});
+    sigprocmask(SIG_SETMASK, &set, nullptr);
+}
+
 void BlockSigterm()
 {
     Block({SIGTERM});
@@ -127,9 +133,7 @@ void IgnoreHangup()
 
 void PrepareForStop()
 {
-    // Blocked first: a signal that comes while its disposition changes must not be lost.
-    const sigset_t stop = SetOf({SIGTERM});
-    sigprocmask(SIG_SETMASK, &stop, nullptr);
+    BlockOnlySigterm(); // first: a signal that comes while its disposition changes must not be lost
     for (int signal = 1; signal < NSIG; ++signal) {
         struct sigaction present = {};
         if (sigaction(signal, nullptr, &present) == 0 && present.sa_handler == SIG_IGN)

@@ -76,12 +76,12 @@ int ReadPidFile(const wxString& path)
     const int descriptor = open(ToUtf8(path).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0)
         return 0;
-    char text[32];
+    char text[4096]; // a file that fills it holds more than a number
     struct stat status = {};
     const bool isFile = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
     const ssize_t length = isFile ? read(descriptor, text, sizeof text) : -1;
     close(descriptor);
-    if (length < 0)
+    if (length < 0 || static_cast<std::size_t>(length) == sizeof text)
         return 0;
 
     const int process = ParsePid({text, static_cast<std::size_t>(length)});
