@@ -139,7 +139,9 @@ TEST_F(PidFile, WhatIsNoRegularFileReadsAsNone)
 
 TEST_F(PidFile, ContentIsReadWhole)
 {
-    m_folder.Write("a.pid", std::string(40, '0') + "1");
+    m_folder.Write("a.pid", std::string(40, '0') + kOwnLine);
+    EXPECT_EQ(getpid(), Read());
+    m_folder.Write("a.pid", std::string(5000, '0') + "1");
     EXPECT_EQ(0, Read());
     m_folder.Write("a.pid", kOwnLine + kOwnLine);
     EXPECT_EQ(0, Read());
