@@ -1,0 +1,79 @@
+#!/usr/bin/env python3
+"""Measures the agent next to its peers and next to the floor, and prints ratios of one run side by side.
+
+Exit status: 0 when every row was measured, 1 when one could not be, 2 for a wrong argument. A limit that is missed is
+shown and is no failure: it may be the machine.
+"""
+
+import argparse
+import subprocess
+import sys
+from pathlib import Path
+
+from harness import plot, report
+from harness.rig import Rig
+from harness.row import Result
+from rows import GROUPS
+
+
+def arguments():
+    parser = argparse.ArgumentParser(prog="script/bench", description=__doc__.split("\n", 1)[0])
+    parser.add_argument("rows", nargs="*", metavar="ROW", help="measure these rows only (all of them without one)")
+    parser.add_argument("--quick", action="store_true", help="fewer rounds and smaller amounts: a look, no verdict")
+    parser.add_argument("--list", action="store_true", help="print the rows' names and meanings")
+    parser.add_argument("--build", default="build-bench", help=argparse.SUPPRESS)
+    parser.add_argument("--json", type=Path, default=Path("build-bench/bench.json"), metavar="FILE",
+                        help="where every sample is written (%(default)s)")
+    parser.add_argument("--plot", type=Path, default=Path("build-bench/bench.svg"), metavar="FILE",
+                        help="where the picture is written (%(default)s)")
+    options = parser.parse_args()
+    known = {row.name for group in GROUPS for row in group.rows}
+    unknown = [name for name in options.rows if name not in known]
+    if unknown:
+        parser.error(f"no such row: {', '.join(unknown)} (--list shows them)")
+    return options
+
+
+def measure(group, rig, wanted):
+    """The results of a group's wanted rows, and the text of what went wrong, if anything did."""
+    try:
+        taken = group.measure(rig)
+        return [Result(row, taken[row.name]) for row in wanted], None
+    except (OSError, subprocess.SubprocessError, RuntimeError, KeyError) as error:
+        return [], f"{', '.join(row.name for row in wanted)}: {error}"
+
+
+def main():
+    options = arguments()
+    if options.list:
+        for group in GROUPS:
+            for row in group.rows:
+                print(f"{row.name:24} {row.title}")
+        return 0
+    results = []
+    failures = []
+    rig = Rig(options.build, options.quick)
+    try:
+        for group in GROUPS:
+            wanted = [row for row in group.rows if not options.rows or row.name in options.rows]
+            if not wanted:
+                continue
+            print(f"measuring {', '.join(row.name for row in wanted)} ...", file=sys.stderr)
+            measured, failure = measure(group, rig, wanted)
+            results += measured
+            if failure:
+                failures.append(failure)
+    finally:
+        rig.close()
+    if results:
+        print(report.table(results))
+        options.json.write_text(report.as_json(results, rig.source, options.quick) + "\n", encoding="utf-8")
+        plot.draw(results, options.plot)
+        print(f"\nSamples: {options.json}, picture: {options.plot}")
+    for failure in failures:
+        print(f"script/bench: not measured: {failure}", file=sys.stderr)
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
