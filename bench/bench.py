@@ -68,8 +68,9 @@ def main():
     if results:
         print(report.table(results))
         options.json.write_text(report.as_json(results, rig.source, options.quick) + "\n", encoding="utf-8")
-        plot.draw(results, options.plot)
-        print(f"\nSamples: {options.json}, picture: {options.plot}")
+        print(f"\nSamples: {options.json}")
+        if plot.draw(results, options.plot):
+            print(f"Picture: {options.plot}")
     for failure in failures:
         print(f"script/bench: not measured: {failure}", file=sys.stderr)
     return 1 if failures else 0
