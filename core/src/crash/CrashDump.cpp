@@ -23,7 +23,7 @@ namespace {
 // For walking through a Lua state, which takes microseconds when it is in order.
 const int kLuaPatienceMs = 1000;
 
-ProcessSnapshot g_snapshot;
+ProcessSnapshot g_snapshot{};
 
 std::string_view Notes()
 {

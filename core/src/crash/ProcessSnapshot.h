@@ -60,11 +60,13 @@ struct SnapshotModule
 };
 
 /// A fixed number of rows without allocation; what does not fit is counted.
+///
+/// One in static memory is zeros from the beginning, so it takes no memory before it is used.
 template <typename Row, std::size_t Capacity>
 class FixedRows
 {
 public:
-    /// A new row at the end, not initialised; null, and counted, when all rows are in use.
+    /// A new row at the end, which may hold what a removed one held; null, and counted, when all rows are in use.
     Row* Add()
     {
         if (m_size == Capacity) {
@@ -83,7 +85,7 @@ public:
     Row* end() { return m_rows + m_size; }
 
 private:
-    Row m_rows[Capacity];
+    Row m_rows[Capacity]{};
     std::size_t m_size = 0;
     std::size_t m_leftOut = 0;
 };
