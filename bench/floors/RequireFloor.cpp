@@ -1,0 +1,65 @@
+// The least that modules in archives cost: mapped archives, one hash table, libdeflate, and Lua's compiler.
+//
+// Usage: RequireFloor ARCHIVE[;ARCHIVE...] NAMES
+
+#include <algorithm>
+#include <list>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <libdeflate.h>
+#include <lua.hpp>
+
+#include "floors/MappedZip.h"
+#include "floors/Measure.h"
+#include "floors/Requires.h"
+
+using namespace VelBench;
+
+namespace {
+
+struct Modules
+{
+    std::list<CMappedZip> archives;
+    std::unordered_map<std::string_view, MappedEntry> byName;
+    libdeflate_decompressor* decompressor = libdeflate_alloc_decompressor();
+    std::string path;
+    std::vector<char> content;
+};
+
+int Search(lua_State* L)
+{
+    auto& modules = *static_cast<Modules*>(lua_touserdata(L, lua_upvalueindex(1)));
+    std::string& path = modules.path;
+    path.assign(lua_tostring(L, 1));
+    std::replace(path.begin(), path.end(), '.', '/');
+    path += ".lua";
+
+    const MappedEntry& entry = modules.byName.find(path)->second;
+    if (modules.content.size() < entry.size)
+        modules.content.resize(entry.size);
+    if (libdeflate_deflate_decompress(modules.decompressor, entry.data.data(), entry.data.size(),
+                                      modules.content.data(), entry.size, nullptr) != LIBDEFLATE_SUCCESS)
+        return luaL_error(L, "damaged");
+    if (luaL_loadbufferx(L, modules.content.data(), entry.size, path.c_str(), "t") != LUA_OK)
+        return lua_error(L);
+    return 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 3)
+        Die("usage: RequireFloor ARCHIVE[;ARCHIVE...] NAMES");
+    Modules modules;
+    Measure([&] {
+        for (const std::string& path : Split(argv[1], ';')) {
+            for (const MappedEntry& entry : modules.archives.emplace_back(path).Entries())
+                modules.byName.emplace(entry.name, entry);
+        }
+        RequireAll(Search, &modules, argv[2]);
+    });
+    return 0;
+}
