@@ -6,7 +6,6 @@
 // Usage: CoreBench [row...]
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -16,18 +15,12 @@
 #include <unordered_map>
 #include <vector>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <wx/init.h>
-#include <wx/log.h>
 
 #include <lua.hpp>
 
 #include <VelCore/Dom.h>
 #include <VelCore/DomBinding.h>
-#include <VelCore/Log2Disk.h>
-#include <VelCore/Trace.h>
 
 namespace {
 
@@ -70,21 +63,6 @@ void Print(const Row& row)
     const double least = Median(floor);
     const double own = Median(ours);
     std::printf("%-14s %10.1f ns  %-34s %10.1f ns  %6.2f x\n", row.name, own, row.floorName, least, own / least);
-}
-
-Row TraceCheck()
-{
-    static std::atomic<bool> enabled{false};
-    static const wxString module(L"Bench");
-    return {"trace check", "a relaxed atomic load", 5000000,
-            [](int calls) {
-                for (int i = 0; i < calls; ++i)
-                    g_sink = g_sink + (enabled.load(std::memory_order_relaxed) ? 1 : 0);
-            },
-            [](int calls) {
-                for (int i = 0; i < calls; ++i)
-                    g_sink = g_sink + (VelCore::LogTraceIsEnabled(module) ? 1 : 0);
-            }};
 }
 
 std::string Key(int number)
@@ -159,21 +137,6 @@ Row DomGet(lua_State* L, VelCore::CDom& dom)
             [L](int calls) { RunLoop(L, "ours", calls); }};
 }
 
-Row LogRecord(const std::string& folder)
-{
-    static const int file = open((folder + "/floor.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    static const std::string line = "2026-11-20 12:34:56 [4711] Warning: a record of an ordinary length, 42 of 100\n";
-    return {"log record", "one write() of a finished line", 20000,
-            [](int calls) {
-                for (int i = 0; i < calls; ++i)
-                    g_sink = g_sink + static_cast<std::uint64_t>(write(file, line.data(), line.size()));
-            },
-            [](int calls) {
-                for (int i = 0; i < calls; ++i)
-                    wxLogWarning(L"a record of an ordinary length, %d of %d", 42, 100);
-            }};
-}
-
 bool IsWanted(const char* name, int argc, char** argv)
 {
     return argc < 2 || std::find(argv + 1, argv + argc, std::string(name)) != argv + argc;
@@ -184,23 +147,13 @@ bool IsWanted(const char* name, int argc, char** argv)
 int main(int argc, char** argv)
 {
     const wxInitializer framework;
-    char folder[] = "/tmp/kx-bench-XXXXXX";
-    if (!mkdtemp(folder))
-        return 1;
-
     const std::unique_ptr<VelCore::CDom> dom(VelCore::CDom::New(nullptr, nullptr, nullptr, false));
-    dom->Set("app.path.work", folder);
-    dom->Set("app.name", "bench");
-    dom->Set("app.trace", "Appl,Cmd,Srvc,vel.Heartbeat,vel.ListenThread,vel.PluginUtils");
-    wxLog::SetTimestamp(L"%Y-%m-%d %H:%M:%S");
-    delete wxLog::SetActiveTarget(new VelCore::CLog2Disk);
-
     lua_State* L = luaL_newstate();
     luaL_openlibs(L);
-    for (const Row& row : {TraceCheck(), StoreRead(*dom), DomGet(L, *dom), LogRecord(folder)}) {
+    for (const Row& row : {StoreRead(*dom), DomGet(L, *dom)}) {
         if (IsWanted(row.name, argc, argv))
             Print(row);
     }
     lua_close(L);
-    return std::system((std::string("rm -rf ") + folder).c_str()) == 0 ? 0 : 1;
+    return 0;
 }
