@@ -26,27 +26,31 @@
 
 namespace {
 
-const int kAdoptionNaps = 5000; // of a millisecond
+const int kAdoptionNaps = 50000; // of a tenth of a millisecond
 
 // Ends this process in favour of its child. Returns false in the process that goes on as the caller only when there is
 // no child.
+//
+// Everything that this process has made goes on in the child, so nothing is taken down here; that would also hold the
+// child up. What the streams hold is written before there are two of them.
 bool LiveOnInChild(const wxString& failure)
 {
+    std::fflush(nullptr);
     const pid_t child = fork();
     if (child > 0)
-        std::exit(EXIT_SUCCESS);
+        _exit(EXIT_SUCCESS);
     if (child == 0)
         return true;
     wxLogSysError(errno, L"%s", failure);
     return false;
 }
 
-// Waits until `parent` is gone, which takes it milliseconds, and this process has become a child of whoever takes in
+// Waits until `parent` is gone, which takes it a moment, and this process has become a child of whoever takes in
 // orphans. A service manager that does so itself looks for its own child behind the pid file: for another's it does not
 // wait at a stop, but kills at once. The bound is for a parent that something holds up.
 void AwaitAdoption(pid_t parent)
 {
-    const struct timespec nap = {0, 1000000};
+    const struct timespec nap = {0, 100000};
     for (int naps = 0; getppid() == parent && naps < kAdoptionNaps; ++naps)
         nanosleep(&nap, nullptr);
 }
@@ -86,11 +90,11 @@ bool CAgentApp::BecomeDaemon(int& exitCode)
     if (!LiveOnInChild(L"Unable to do 2nd fork"))
         return false;
 
-    AwaitAdoption(leader);
     SilenceStandardStreams();
     CloseInheritedDescriptors();
     // As soon as the file exists, a stop may come.
     PrepareForStop();
+    AwaitAdoption(leader);
     VelCore::WritePidFile(m_pidFile);
     return true;
 }
