@@ -19,12 +19,19 @@ class Packed:
     method: int
 
 
-def pack(content, method=zipfile.ZIP_DEFLATED):
-    data = content
-    if method == zipfile.ZIP_DEFLATED:
-        deflater = zlib.compressobj(6, zlib.DEFLATED, -zlib.MAX_WBITS)
-        data = deflater.compress(content) + deflater.flush()
-    return Packed(data, zlib.crc32(content), len(content), method)
+def deflate(content, times):
+    """A raw stream of the content so many times over, which is compressed once: each time begins without a memory of
+    what came before."""
+    deflater = zlib.compressobj(6, zlib.DEFLATED, -zlib.MAX_WBITS)
+    once = deflater.compress(content) + deflater.flush(zlib.Z_FULL_FLUSH)
+    return once * times + deflater.flush()
+
+
+def pack(content, times=1, method=zipfile.ZIP_DEFLATED):
+    """The content so many times over."""
+    whole = content * times
+    data = deflate(content, times) if method == zipfile.ZIP_DEFLATED else whole
+    return Packed(data, zlib.crc32(whole), len(whole), method)
 
 
 def write_archive(path, entries):

@@ -84,7 +84,7 @@ def measure_require(rig):
     files = modules.as_files()
     plain = {"lua5.2": lambda: microseconds(modules.count, "lua5.2", rig.scratch / "plain.lua", files, modules.names)}
     (rig.scratch / "plain.lua").write_text(PLAIN_FILES, encoding="ascii")
-    rounds = rig.pick(5, 15)
+    rounds = rig.pick(5, 7)
     return {
         "require.one": in_turn(requires(rig, modules, modules.in_archives(1)) | plain, rounds),
         "require.many": in_turn(requires(rig, modules, modules.in_archives(ARCHIVES)) | plain, rounds),
@@ -101,7 +101,7 @@ def measure_growth(rig):
         f"agent at {FEW}": at_few["agent"],
         "floor": at_many["floor"],
         f"floor at {FEW}": at_few["floor"],
-    }, rig.pick(3, 9))}
+    }, rig.pick(3, 5))}
 
 
 GROUPS = [
