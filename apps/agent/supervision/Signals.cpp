@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <initializer_list>
 
-#include <sys/select.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -164,20 +163,21 @@ bool StopRequested()
     return once != 0;
 }
 
+// Not pselect(): the kernel lets it be late by a thousandth of the time. The signal is taken here and handed to its
+// handler, which is in place: nothing is waited for before the first worker.
 void SleepUntilStop(int milliseconds)
 {
     using Clock = std::chrono::steady_clock;
-    sigset_t mask;
-    sigprocmask(SIG_SETMASK, nullptr, &mask);
-    sigdelset(&mask, SIGTERM);
-
+    const sigset_t stop = SetOf({SIGTERM});
     const Clock::time_point end = Clock::now() + std::chrono::milliseconds(milliseconds);
     for (Clock::time_point now = Clock::now(); once == 0 && now < end; now = Clock::now()) {
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - now).count();
+        const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(end - now).count();
         struct timespec timeout = {};
-        timeout.tv_sec = static_cast<time_t>(left / 1000000);
-        timeout.tv_nsec = static_cast<long>(left % 1000000) * 1000;
-        pselect(0, nullptr, nullptr, nullptr, &timeout, &mask);
+        timeout.tv_sec = static_cast<time_t>(left / 1000000000);
+        timeout.tv_nsec = static_cast<long>(left % 1000000000);
+        siginfo_t information = {};
+        if (sigtimedwait(&stop, &information, &timeout) == SIGTERM)
+            pass_signal(SIGTERM, &information, nullptr);
     }
 }
 
