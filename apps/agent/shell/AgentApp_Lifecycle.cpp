@@ -39,6 +39,8 @@ CAgentApp::CAgentApp()
     wxLog::SetTimestamp(L"%Y-%m-%d %H:%M:%S");
 
     m_locale.Init(wxLANGUAGE_DEFAULT, wxLOCALE_LOAD_DEFAULT);
+    // The table of all languages is half of the heap, and has served its purpose. It is made again when somebody asks.
+    wxLocale::DestroyLanguagesDB();
     // Lua reads and prints its numbers through the C library; scripts count on a decimal point.
     std::setlocale(LC_NUMERIC, "C");
 
