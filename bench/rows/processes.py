@@ -85,12 +85,20 @@ def rest(rig):
         time.sleep(rig.pick(10, 60))
         after = {name: cost(service) for name, service in running.items()}
         memory = {name: [private_mib(service.supervisor)] for name, service in running.items()}
+        memory["agent between workers"] = [memory_between_workers(running[AGENT])]
     spent = {name: [now - then for now, then in zip(after[name], before[name])] for name in running}
     return {
         "idle.cpu": {name: [cpu] for name, (cpu, _) in spent.items()},
         "idle.switches": {name: [count] for name, (_, count) in spent.items()},
         "watchdog.memory": memory,
     }
+
+
+def memory_between_workers(agent):
+    """What the watchdog shares with the worker, its own copy by fork, is its own while there is none."""
+    agent.kill_worker()
+    time.sleep(REST_S)
+    return private_mib(agent.supervisor)
 
 
 def cost(service):
@@ -104,7 +112,8 @@ GROUPS = [
                must=5, aim=3, base=None),), restart),
     Group((Row("idle.cpu", "watchdog and worker at rest: processor time", "ms", must=0, aim=0, base=None),
            Row("idle.switches", "watchdog and worker at rest: context switches", "", must=0, aim=0, base=None),
-           Row("watchdog.memory", "private memory of the watchdog", "MiB", must=2.5, aim=1.2, base=None)), rest),
+           Row("watchdog.memory", "private memory of the watchdog while its worker lives", "MiB",
+               must=2.5, aim=1.2, base=None)), rest),
     Group((Row("stop", "SIGTERM to all gone, for an application without a shutdown", "ms", must=7, aim=3, base=None),),
           stop),
 ]

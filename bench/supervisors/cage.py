@@ -14,7 +14,7 @@ def await_value(function, what):
     while time.monotonic() < end:
         try:
             value = function()
-        except FileNotFoundError:
+        except (FileNotFoundError, ProcessLookupError):
             value = None
         if value:
             return value
@@ -61,7 +61,8 @@ class Cage:
     def close(self):
         """Ends the first process, and with it all others."""
         try:
-            await_ends([self._first()], self._outer.kill)
+            if self._outer.poll() is None:
+                await_ends([self._first()], self._outer.kill)
         finally:
             self._outer.kill()
             self._outer.wait()

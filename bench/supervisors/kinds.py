@@ -1,6 +1,6 @@
 """The supervisors that are compared: how each is told to keep a program alive.
 
-All but the agent keep a script of the stock interpreter, which announces its first line as the agent's application does.
+All but the agent keep a script of the stock interpreter. Its first line announces it, as the agent's application does.
 """
 
 import os

@@ -33,9 +33,9 @@ class Service:
             # The agent's command has an end of its own.
             self.supervisor = lone(self._prepared.supervisor, self._cage.top)
             self.worker = lone(self._prepared.worker, lambda: self._cage.processes() - {self.supervisor})
-        except RuntimeError as error:
+        except BaseException as error:
             self.close()
-            raise self._cage.explain(error) from None
+            raise self._cage.explain(error) if isinstance(error, RuntimeError) else error
 
     def __enter__(self):
         return self
@@ -46,6 +46,9 @@ class Service:
     def close(self):
         self._cage.close()
         os.close(self._alive)
+
+    def kill_worker(self):
+        await_ends([self.worker], lambda: os.kill(self.worker, signal.SIGKILL))
 
     def restart_ms(self):
         """Kills the program; the time to the first line of the next one."""
