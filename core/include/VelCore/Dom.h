@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <variant>
 #include <vector>
@@ -74,16 +75,16 @@ public:
     void Remove(const std::string& key);
 
     /// The text of the value, "" when absent.
-    std::string Get(const std::string& key) const;
+    std::string Get(std::string_view key) const;
     wxString GetWxString(const wxString& key) const;
 
     /// Reads the value as a boolean; an absent key leaves `value` untouched. Returns whether the key is present.
-    bool Get(const std::string& key, bool& value) const;
+    bool Get(std::string_view key, bool& value) const;
 
     /// Reads the value in its own kind; an absent key leaves `value` untouched. Returns whether the key is present.
-    bool Read(const std::string& key, CDomValue& value) const;
+    bool Read(std::string_view key, CDomValue& value) const;
 
-    bool Has(const std::string& key) const;
+    bool Has(std::string_view key) const;
 
     /// The names that equal `prefix` or lie below it ("app" finds `app.name`, not `apparatus`), sorted bytewise. An
     /// empty prefix finds all.
@@ -110,6 +111,10 @@ public:
 
 private:
     CDom(std::shared_ptr<CDomStore> store, std::string prefix);
+
+    // Calls `use` with the value, see CDomStore::Read.
+    template <typename Use>
+    bool Visit(std::string_view key, const Use& use) const;
 
     std::string WorkFolder() const;
 

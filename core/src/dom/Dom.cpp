@@ -125,24 +125,27 @@ void CDom::Remove(const std::string& key)
         NoteSettingsChange();
 }
 
-bool CDom::Read(const std::string& key, CDomValue& value) const
+template <typename Use>
+bool CDom::Visit(std::string_view key, const Use& use) const
 {
-    return m_prefix.empty() ? m_store->Read(key, value) : m_store->Read(m_prefix + key, value);
+    return m_prefix.empty() ? m_store->Read(key, use) : m_store->Read(m_prefix + std::string(key), use);
 }
 
-std::string CDom::Get(const std::string& key) const
+bool CDom::Read(std::string_view key, CDomValue& value) const
 {
-    CDomValue value;
-    return Read(key, value) ? DomValueText(value) : std::string();
+    return Visit(key, [&value](const CDomValue& stored) { value = stored; });
 }
 
-bool CDom::Get(const std::string& key, bool& value) const
+std::string CDom::Get(std::string_view key) const
 {
-    CDomValue stored;
-    if (!Read(key, stored))
-        return false;
-    value = DomValueIsTrue(stored);
-    return true;
+    std::string text;
+    Visit(key, [&text](const CDomValue& stored) { text = DomValueText(stored); });
+    return text;
+}
+
+bool CDom::Get(std::string_view key, bool& value) const
+{
+    return Visit(key, [&value](const CDomValue& stored) { value = DomValueIsTrue(stored); });
 }
 
 wxString CDom::GetWxString(const wxString& key) const
@@ -150,9 +153,9 @@ wxString CDom::GetWxString(const wxString& key) const
     return FromUtf8(Get(ToUtf8(key)));
 }
 
-bool CDom::Has(const std::string& key) const
+bool CDom::Has(std::string_view key) const
 {
-    return m_store->Has(m_prefix + key);
+    return Visit(key, [](const CDomValue&) {});
 }
 
 std::vector<std::string> CDom::Keys(const std::string& prefix) const
@@ -171,9 +174,10 @@ std::vector<std::string> CDom::Keys(const std::string& prefix) const
 
 std::string CDom::WorkFolder() const
 {
-    CDomValue work;
+    std::string folder;
     // There is one for the process, whichever view is asked.
-    return m_store->Read("app.path.work", work) ? DomValueText(work) : std::string();
+    m_store->Read("app.path.work", [&folder](const CDomValue& stored) { folder = DomValueText(stored); });
+    return folder;
 }
 
 wxString CDom::GetPluginWorkdirWx(const wxString& name) const

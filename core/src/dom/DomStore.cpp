@@ -10,69 +10,50 @@
 namespace VelCore {
 namespace {
 
-bool Covers(const std::string& prefix, const std::string& key)
+bool Covers(std::string_view prefix, std::string_view name)
 {
     if (prefix.empty())
         return true;
-    return key.compare(0, prefix.size(), prefix) == 0 && (key.size() == prefix.size() || key[prefix.size()] == '.');
+    return name.substr(0, prefix.size()) == prefix && (name.size() == prefix.size() || name[prefix.size()] == '.');
 }
 
 } // namespace
 
-CDomStore::Shard& CDomStore::ShardOf(const std::string& key)
+void CDomStore::Set(std::string_view name, CDomValue value)
 {
-    return m_shards[std::hash<std::string>()(key) & (s_Shards - 1)];
+    const HashedName key(name);
+    Shard& shard = m_shards[key.hash & (s_Shards - 1)];
+    const std::unique_lock lock(shard.lock);
+    const auto found = shard.variables.find(key);
+    if (found != shard.variables.end()) {
+        std::swap(found->second->value, value); // the old one is destroyed when readers no longer wait
+        return;
+    }
+    auto variable = std::make_unique<Variable>(Variable{std::string(name), std::move(value)});
+    const HashedName own(variable->name);
+    shard.variables.emplace(own, std::move(variable));
 }
 
-const CDomStore::Shard& CDomStore::ShardOf(const std::string& key) const
+void CDomStore::Remove(std::string_view name)
 {
-    return m_shards[std::hash<std::string>()(key) & (s_Shards - 1)];
+    const HashedName key(name);
+    Shard& shard = m_shards[key.hash & (s_Shards - 1)];
+    const std::unique_lock lock(shard.lock);
+    shard.variables.erase(key);
 }
 
-void CDomStore::Set(const std::string& key, CDomValue value)
+std::vector<std::string> CDomStore::Keys(std::string_view prefix) const
 {
-    Shard& shard = ShardOf(key);
-    const std::unique_lock lock(shard.mutex);
-    shard.values.insert_or_assign(key, std::move(value));
-}
-
-void CDomStore::Remove(const std::string& key)
-{
-    Shard& shard = ShardOf(key);
-    const std::unique_lock lock(shard.mutex);
-    shard.values.erase(key);
-}
-
-bool CDomStore::Read(const std::string& key, CDomValue& value) const
-{
-    const Shard& shard = ShardOf(key);
-    const std::shared_lock lock(shard.mutex);
-    const auto found = shard.values.find(key);
-    if (found == shard.values.end())
-        return false;
-    value = found->second;
-    return true;
-}
-
-bool CDomStore::Has(const std::string& key) const
-{
-    const Shard& shard = ShardOf(key);
-    const std::shared_lock lock(shard.mutex);
-    return shard.values.count(key) != 0;
-}
-
-std::vector<std::string> CDomStore::Keys(const std::string& prefix) const
-{
-    std::vector<std::string> keys;
+    std::vector<std::string> names;
     for (const Shard& shard : m_shards) {
-        const std::shared_lock lock(shard.mutex);
-        for (const auto& entry : shard.values) {
-            if (Covers(prefix, entry.first))
-                keys.push_back(entry.first);
+        const std::shared_lock lock(shard.lock);
+        for (const auto& entry : shard.variables) {
+            if (Covers(prefix, entry.first.text))
+                names.emplace_back(entry.first.text);
         }
     }
-    std::sort(keys.begin(), keys.end());
-    return keys;
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 } // namespace VelCore

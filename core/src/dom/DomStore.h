@@ -2,12 +2,16 @@
 #pragma once
 
 #include <array>
+#include <memory>
 #include <shared_mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
 #include <VelCore/Dom.h>
+
+#include "threads/ManyReadersLock.h"
 
 namespace VelCore {
 
@@ -17,28 +21,57 @@ namespace VelCore {
 class CDomStore
 {
 public:
-    void Set(const std::string& key, CDomValue value);
-    void Remove(const std::string& key);
+    void Set(std::string_view name, CDomValue value);
+    void Remove(std::string_view name);
 
-    /// Copies the value out; an absent key leaves `value` untouched. Returns whether the key is present.
-    bool Read(const std::string& key, CDomValue& value) const;
-    bool Has(const std::string& key) const;
+    /// Calls `use` with the value while no thread can change it; not at all when the name is absent. `use` is quick and
+    /// leaves the domain and Lua alone. Returns whether the name is present.
+    template <typename Use>
+    bool Read(std::string_view name, const Use& use) const
+    {
+        const HashedName key(name);
+        const Shard& shard = m_shards[key.hash & (s_Shards - 1)];
+        const std::shared_lock lock(shard.lock);
+        const auto found = shard.variables.find(key);
+        if (found == shard.variables.end())
+            return false;
+        use(found->second->value);
+        return true;
+    }
 
     /// All names that `prefix` covers, see CDom::Keys.
-    std::vector<std::string> Keys(const std::string& prefix) const;
+    std::vector<std::string> Keys(std::string_view prefix) const;
 
 private:
-    struct Shard
+    // A view, so that nothing has to be copied to look a name up, and its hash, which finds shard and variable.
+    struct HashedName
     {
-        mutable std::shared_mutex mutex;
-        std::unordered_map<std::string, CDomValue> values;
+        explicit HashedName(std::string_view name) : text(name), hash(std::hash<std::string_view>()(name)) {}
+        bool operator==(const HashedName& other) const { return hash == other.hash && text == other.text; }
+
+        std::string_view text;
+        std::size_t hash;
     };
 
-    // More shards than a host has busy threads; a power of two, so that the hash is cut with a mask.
-    static const std::size_t s_Shards = 64;
+    struct HashOf
+    {
+        std::size_t operator()(const HashedName& name) const { return name.hash; }
+    };
 
-    Shard& ShardOf(const std::string& key);
-    const Shard& ShardOf(const std::string& key) const;
+    struct Variable
+    {
+        std::string name; // what the key of the table is a view on
+        CDomValue value;
+    };
+
+    struct Shard
+    {
+        mutable CManyReadersLock lock;
+        std::unordered_map<HashedName, std::unique_ptr<Variable>, HashOf> variables;
+    };
+
+    // More shards than a host has busy writers; a power of two, so that the hash is cut with a mask.
+    static const std::size_t s_Shards = 16;
 
     std::array<Shard, s_Shards> m_shards;
 };
