@@ -11,18 +11,16 @@
 namespace SLB3 {
 namespace {
 
-const int kMethodAt = 2;
-
 const char kNoMemory[] = "not enough memory";
 
 } // namespace
 
 // The error is raised behind the handlers: it leaves by longjmp, which must not skip the end of an exception.
-int CallGuarded(lua_State* L)
+int CallGuarded(lua_State* L, lua_CFunction method)
 {
     char reason[256];
     try {
-        return (*static_cast<const lua_CFunction*>(lua_touserdata(L, lua_upvalueindex(kMethodAt))))(L);
+        return method(L);
     } catch (const std::bad_alloc&) {
         std::snprintf(reason, sizeof reason, "%s", kNoMemory);
     } catch (const std::exception& exception) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -84,6 +85,11 @@ public:
     /// Reads the value in its own kind; an absent key leaves `value` untouched. Returns whether the key is present.
     bool Read(std::string_view key, CDomValue& value) const;
 
+    /// Calls `use` with the value, which it may look at until it returns; not at all when the key is absent. No copy is
+    /// made, and no thread can change the value meanwhile: `use` is quick and leaves the domain and Lua alone. Returns
+    /// whether the key is present.
+    bool Visit(std::string_view key, const std::function<void(const CDomValue&)>& use) const;
+
     bool Has(std::string_view key) const;
 
     /// The names that equal `prefix` or lie below it ("app" finds `app.name`, not `apparatus`), sorted bytewise. An
@@ -112,9 +118,8 @@ public:
 private:
     CDom(std::shared_ptr<CDomStore> store, std::string prefix);
 
-    // Calls `use` with the value, see CDomStore::Read.
     template <typename Use>
-    bool Visit(std::string_view key, const Use& use) const;
+    bool VisitWith(std::string_view key, const Use& use) const;
 
     std::string WorkFolder() const;
 

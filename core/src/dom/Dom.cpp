@@ -126,26 +126,31 @@ void CDom::Remove(const std::string& key)
 }
 
 template <typename Use>
-bool CDom::Visit(std::string_view key, const Use& use) const
+bool CDom::VisitWith(std::string_view key, const Use& use) const
 {
     return m_prefix.empty() ? m_store->Read(key, use) : m_store->Read(m_prefix + std::string(key), use);
 }
 
+bool CDom::Visit(std::string_view key, const std::function<void(const CDomValue&)>& use) const
+{
+    return VisitWith(key, use);
+}
+
 bool CDom::Read(std::string_view key, CDomValue& value) const
 {
-    return Visit(key, [&value](const CDomValue& stored) { value = stored; });
+    return VisitWith(key, [&value](const CDomValue& stored) { value = stored; });
 }
 
 std::string CDom::Get(std::string_view key) const
 {
     std::string text;
-    Visit(key, [&text](const CDomValue& stored) { text = DomValueText(stored); });
+    VisitWith(key, [&text](const CDomValue& stored) { text = DomValueText(stored); });
     return text;
 }
 
 bool CDom::Get(std::string_view key, bool& value) const
 {
-    return Visit(key, [&value](const CDomValue& stored) { value = DomValueIsTrue(stored); });
+    return VisitWith(key, [&value](const CDomValue& stored) { value = DomValueIsTrue(stored); });
 }
 
 wxString CDom::GetWxString(const wxString& key) const
@@ -155,7 +160,7 @@ wxString CDom::GetWxString(const wxString& key) const
 
 bool CDom::Has(std::string_view key) const
 {
-    return Visit(key, [](const CDomValue&) {});
+    return VisitWith(key, [](const CDomValue&) {});
 }
 
 std::vector<std::string> CDom::Keys(const std::string& prefix) const

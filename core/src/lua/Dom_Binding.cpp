@@ -10,6 +10,8 @@
 
 #include <cmath>
 #include <cstring>
+#include <string_view>
+#include <variant>
 
 #include <wx/log.h>
 
@@ -39,18 +41,24 @@ using VelCore::TypeError;
 const std::size_t kShortText = 1024; // bytes
 
 thread_local std::string t_key;
-thread_local CDomValue t_value;
 
-// Sets t_key.
-const std::string& CheckKey(lua_State* L, const char* method)
+// The bytes belong to the argument.
+std::string_view CheckKeyView(lua_State* L, const char* method)
 {
     const LuaText key = CheckText(L, method, 1);
     if (key.length == 0)
         ArgumentError(L, method, 1, "empty key");
-    t_key.assign(key.bytes, key.length);
+    return key.View();
+}
+
+// Sets t_key.
+const std::string& CheckKey(lua_State* L, const char* method)
+{
+    t_key = CheckKeyView(L, method);
     return t_key;
 }
 
+// Pushes what a variable holds.
 struct PushValue
 {
     lua_State* L;
@@ -58,43 +66,66 @@ struct PushValue
     void operator()(bool value) const { lua_pushboolean(L, value); }
     void operator()(std::int64_t value) const { lua_pushnumber(L, static_cast<lua_Number>(value)); }
     void operator()(double value) const { lua_pushnumber(L, value); }
-    void operator()(const std::string& value) const { lua_pushlstring(L, value.data(), value.size()); }
+    void operator()(std::string_view value) const { lua_pushlstring(L, value.data(), value.size()); }
 };
 
-// Pushes what a variable holds; nothing when it is absent.
-bool PushLongValue(lua_State* L, const CDom& dom)
+// A copy of a value that a Lua error may leave behind: nothing of it has to be freed.
+class CShortValue
+{
+public:
+    // Result: false when the value is a text that is too long.
+    bool Take(const CDomValue& value)
+    {
+        if (const auto* text = std::get_if<std::string>(&value)) {
+            if (text->size() > sizeof m_text)
+                return false;
+            m_value = std::string_view(m_text, text->copy(m_text, sizeof m_text));
+        } else if (const auto* number = std::get_if<std::int64_t>(&value)) {
+            m_value = *number;
+        } else if (const auto* fraction = std::get_if<double>(&value)) {
+            m_value = *fraction;
+        } else {
+            m_value = std::get<bool>(value);
+        }
+        return true;
+    }
+
+    void Push(lua_State* L) const { std::visit(PushValue{L}, m_value); }
+
+private:
+    std::variant<bool, std::int64_t, double, std::string_view> m_value;
+    char m_text[kShortText]; // what m_value may be a view on
+};
+
+// Pushes what the variable holds; nothing when it is absent.
+bool PushLongValue(lua_State* L, const CDom& dom, std::string_view key)
 {
     auto& value = VelCore::PushOwned<CDomValue>(L, "vel.dom.value");
-    if (!dom.Read(CheckKey(L, "Get"), value))
+    if (!dom.Read(key, value))
         return false;
     std::visit(PushValue{L}, value);
     return true;
 }
 
-// The same; t_key is set.
-bool PushStored(lua_State* L, const CDom& dom)
+bool PushStored(lua_State* L, const CDom& dom, std::string_view key)
 {
-    if (!dom.Read(t_key, t_value))
-        return false;
-    const auto* text = std::get_if<std::string>(&t_value);
-    if (!text) {
-        std::visit(PushValue{L}, t_value);
-        return true;
-    }
-    char copy[kShortText];
-    if (text->size() > sizeof copy)
-        return PushLongValue(L, dom);
-    const std::size_t length = text->copy(copy, sizeof copy);
-    lua_pushlstring(L, copy, length);
-    return true;
+    CShortValue value;
+    bool isShort = false;
+    const bool isPresent =
+        dom.Visit(key, [&value, &isShort](const CDomValue& stored) { isShort = value.Take(stored); });
+    if (isPresent && !isShort)
+        return PushLongValue(L, dom, key);
+    if (isPresent)
+        value.Push(L);
+    return isPresent;
 }
 
 int Get(lua_State* L)
 {
     const CDom& dom = SLB3::Self<CDom>(L, "Get");
-    CheckKey(L, "Get");
+    const std::string_view key = CheckKeyView(L, "Get");
     lua_settop(L, 3);
-    if (!PushStored(L, dom))
+    if (!PushStored(L, dom, key))
         lua_pushvalue(L, 3); // the default, or nil
     return 1;
 }
@@ -238,17 +269,17 @@ int TimeNowMillis(lua_State* L)
 }
 
 const luaL_Reg kMethods[] = {
-    {"AgentEventWrite", VelCore::LuaAgentEventWrite},
-    {"Get", Get},
-    {"GetPluginWorkdir", GetPluginWorkdir},
-    {"Has", Has},
-    {"Keys", Keys},
-    {"Log", Log},
-    {"LogTrace", LogTrace},
-    {"LogTraceIsEnabled", LogTraceIsEnabled},
-    {"Set", Set},
-    {"StartRunnable", VelCore::LuaStartRunnable},
-    {"TimeNowMillis", TimeNowMillis},
+    {"AgentEventWrite", SLB3::Guarded<VelCore::LuaAgentEventWrite>},
+    {"Get", SLB3::Guarded<Get>},
+    {"GetPluginWorkdir", SLB3::Guarded<GetPluginWorkdir>},
+    {"Has", SLB3::Guarded<Has>},
+    {"Keys", SLB3::Guarded<Keys>},
+    {"Log", SLB3::Guarded<Log>},
+    {"LogTrace", SLB3::Guarded<LogTrace>},
+    {"LogTraceIsEnabled", SLB3::Guarded<LogTraceIsEnabled>},
+    {"Set", SLB3::Guarded<Set>},
+    {"StartRunnable", SLB3::Guarded<VelCore::LuaStartRunnable>},
+    {"TimeNowMillis", SLB3::Guarded<TimeNowMillis>},
 };
 
 } // namespace
@@ -258,7 +289,7 @@ namespace SLB3 {
 void Wrapper<VelCore::CDom>::Register(lua_State* L, int namespaceAt)
 {
     for (const luaL_Reg& method : kMethods)
-        AddMethod<VelCore::CDom>(L, namespaceAt, method.name, method.func);
+        AddMethod(L, namespaceAt, method.name, method.func);
 }
 
 } // namespace SLB3

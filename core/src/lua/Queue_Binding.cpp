@@ -69,7 +69,7 @@ int Pop(lua_State* L)
     return 1;
 }
 
-const luaL_Reg kMethods[] = {{"Pop", Pop}, {"Push", Push}};
+const luaL_Reg kMethods[] = {{"Pop", SLB3::Guarded<Pop>}, {"Push", SLB3::Guarded<Push>}};
 
 void OpenInto(SLB3::SharedObject<CMessageQueue>& handle, const char* name, std::size_t length, lua_Number limit)
 {
@@ -117,7 +117,7 @@ namespace SLB3 {
 void Wrapper<VelCore::CMessageQueue>::Register(lua_State* L, int namespaceAt)
 {
     for (const luaL_Reg& method : VelCore::kMethods)
-        AddMethod<VelCore::CMessageQueue>(L, namespaceAt, method.name, method.func);
+        AddMethod(L, namespaceAt, method.name, method.func);
 }
 
 } // namespace SLB3

@@ -104,8 +104,11 @@ int GetName(lua_State* L)
 }
 
 const luaL_Reg kMethods[] = {
-    {"GetName", GetName},         {"IsRunning", IsRunning},     {"Join", Join},
-    {"RequestExit", RequestExit}, {"TestDestroy", TestDestroy},
+    {"GetName", SLB3::Guarded<GetName>},
+    {"IsRunning", SLB3::Guarded<IsRunning>},
+    {"Join", SLB3::Guarded<Join>},
+    {"RequestExit", SLB3::Guarded<RequestExit>},
+    {"TestDestroy", SLB3::Guarded<TestDestroy>},
 };
 
 } // namespace
@@ -129,7 +132,7 @@ namespace SLB3 {
 void Wrapper<VelCore::CLuaRunnable>::Register(lua_State* L, int namespaceAt)
 {
     for (const luaL_Reg& method : VelCore::kMethods)
-        AddMethod<VelCore::CLuaRunnable>(L, namespaceAt, method.name, method.func);
+        AddMethod(L, namespaceAt, method.name, method.func);
 }
 
 } // namespace SLB3

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include <SLB3/Assert.h>
+#include <SLB3/ClassInfo.h>
 
 namespace SLB3 {
 
@@ -19,6 +20,7 @@ struct Object
 {
     Storage storage;
     void* pointer;
+    const ClassInfo* info; // of its class, by which `Self` knows it
 };
 
 /// The content of a userdata with a share in its object. After its collection, and before it is filled, the pointer is

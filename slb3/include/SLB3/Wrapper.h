@@ -20,18 +20,8 @@ namespace SLB3 {
 template <typename T>
 struct Wrapper;
 
-/// The collector: checks the object, and gives up the share that a shared one has; what C++ owns is not destroyed. A
-/// script that calls it by hand may pass anything; what is no object of the class is left alone.
 template <typename T>
-int Collect(lua_State* L)
-{
-    auto* object = static_cast<Object*>(luaL_testudata(L, 1, Wrapper<T>::ClassName()));
-    if (!object || !Unpack(*object) || object->storage != Storage::Shared)
-        return 0;
-    object->pointer = nullptr;
-    reinterpret_cast<SharedObject<T>*>(object)->owner.reset(); // an empty one needs no destructor
-    return 0;
-}
+int Collect(lua_State* L);
 
 /// The class information of `T`.
 template <typename T>
@@ -39,6 +29,29 @@ const ClassInfo& Class()
 {
     static const ClassInfo info = {Wrapper<T>::ClassName(), &Wrapper<T>::Register, &Collect<T>};
     return info;
+}
+
+/// Argument 1, when it is an object of the class; else null. Whatever metatable a script has given it, it is known by
+/// its content.
+template <typename T>
+const Object* FindObject(lua_State* L)
+{
+    const auto* object = static_cast<const Object*>(lua_touserdata(L, 1));
+    return object && lua_rawlen(L, 1) >= sizeof(Object) && object->info == &Class<T>() ? object : nullptr;
+}
+
+/// The collector: checks the object, and gives up the share that a shared one has; what C++ owns is not destroyed. A
+/// script that calls it by hand may pass anything; what is no object of the class is left alone.
+template <typename T>
+int Collect(lua_State* L)
+{
+    const Object* object = FindObject<T>(L);
+    if (!object || !Unpack(*object) || object->storage != Storage::Shared)
+        return 0;
+    auto* shared = static_cast<SharedObject<T>*>(lua_touserdata(L, 1));
+    shared->object.pointer = nullptr;
+    shared->owner.reset(); // an empty one needs no destructor
+    return 0;
 }
 
 /// Pushes `pointer` as an object of its class, or nil when it is null. Lua does not own the object.
@@ -56,6 +69,7 @@ void Push(lua_State* L, T* pointer)
     auto* object = static_cast<Object*>(lua_newuserdata(L, sizeof(Object)));
     object->storage = Storage::Pointer;
     object->pointer = pointer;
+    object->info = &Class<T>();
     lua_insert(L, -2);
     lua_setmetatable(L, -2);
 }
@@ -69,8 +83,8 @@ template <typename T>
 SharedObject<T>& PushShared(lua_State* L)
 {
     PushClass(L, Class<T>());
-    auto* shared =
-        new (lua_newuserdata(L, sizeof(SharedObject<T>))) SharedObject<T>{{Storage::Shared, nullptr}, nullptr};
+    auto* shared = new (lua_newuserdata(L, sizeof(SharedObject<T>)))
+        SharedObject<T>{{Storage::Shared, nullptr, &Class<T>()}, nullptr};
     lua_insert(L, -2);
     lua_setmetatable(L, -2);
     return *shared;
@@ -84,37 +98,36 @@ void Share(SharedObject<T>& shared, std::shared_ptr<T> owner)
     shared.object.pointer = shared.owner.get();
 }
 
-/// Calls the C function in the second upvalue. A C++ exception of its becomes a Lua error, so that a script can catch
-/// it and no frame of Lua's is left by it.
-int CallGuarded(lua_State* L);
+/// Calls `method` and turns a C++ exception of its into a Lua error, so that a script can catch it and no frame of
+/// Lua's is left by it.
+int CallGuarded(lua_State* L, lua_CFunction method);
 
-/// Adds a method to the namespace table at `namespaceAt`. The method finds its class's metatable in its first
-/// upvalue, so that `Self` needs no look-up by name. It may throw.
-template <typename T>
-void AddMethod(lua_State* L, int namespaceAt, const char* name, lua_CFunction method)
+/// Adds a method to the namespace table at `namespaceAt`.
+inline void AddMethod(lua_State* L, int namespaceAt, const char* name, lua_CFunction method)
 {
-    luaL_getmetatable(L, Wrapper<T>::ClassName());
-    *static_cast<lua_CFunction*>(lua_newuserdata(L, sizeof method)) = method;
-    lua_pushcclosure(L, CallGuarded, 2);
+    lua_pushcfunction(L, method);
     lua_setfield(L, namespaceAt, name);
 }
 
-/// The object that a method was called on: argument 1 of a method added with `AddMethod`.
+/// A method that may throw, for `AddMethod`.
+template <lua_CFunction method>
+int Guarded(lua_State* L)
+{
+    return CallGuarded(L, method);
+}
+
+/// The object that a method was called on: argument 1.
 ///
 /// Errors: anything but an object of the class is a Lua argument error that names the method.
 template <typename T>
 T& Self(lua_State* L, const char* method)
 {
-    auto* object = static_cast<const Object*>(lua_touserdata(L, 1));
-    if (object && lua_getmetatable(L, 1)) {
-        const bool isOurs = lua_rawequal(L, -1, lua_upvalueindex(1)) != 0;
-        lua_pop(L, 1);
-        void* pointer = isOurs ? Unpack(*object) : nullptr;
-        if (pointer)
-            return *static_cast<T*>(pointer);
-        if (isOurs)
-            luaL_error(L, "calling '%s' on a collected object (%s)", method, Wrapper<T>::ClassName());
-    }
+    const Object* object = FindObject<T>(L);
+    void* pointer = object ? Unpack(*object) : nullptr;
+    if (pointer)
+        return *static_cast<T*>(pointer);
+    if (object)
+        luaL_error(L, "calling '%s' on a collected object (%s)", method, Wrapper<T>::ClassName());
     luaL_error(L, "calling '%s' on bad self (%s expected, got %s)", method, Wrapper<T>::ClassName(),
                luaL_typename(L, 1));
     AssertFailed("luaL_error returned", __FILE__, __LINE__);

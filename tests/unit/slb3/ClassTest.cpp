@@ -55,9 +55,9 @@ struct Wrapper<Counter>
     static void Register(lua_State* L, int namespaceAt)
     {
         ++g_registrations;
-        AddMethod<Counter>(L, namespaceAt, "Add", Add);
-        AddMethod<Counter>(L, namespaceAt, "ThrowBadAlloc", ThrowBadAlloc);
-        AddMethod<Counter>(L, namespaceAt, "ThrowLengthError", ThrowLengthError);
+        AddMethod(L, namespaceAt, "Add", Guarded<Add>);
+        AddMethod(L, namespaceAt, "ThrowBadAlloc", Guarded<ThrowBadAlloc>);
+        AddMethod(L, namespaceAt, "ThrowLengthError", Guarded<ThrowLengthError>);
     }
 };
 
@@ -214,6 +214,17 @@ TEST_F(SlbClass, ABadSelfIsAnErrorThatNamesTheMethod)
     EXPECT_EQ(0, m_counter.value);
 }
 
+// debug.setmetatable gives any userdata any metatable.
+TEST_F(SlbClass, WhatOnlyHasTheMetatableIsNoObjectOfTheClass)
+{
+    Push("c", &m_counter);
+    EXPECT_NE(std::string::npos, Value("local file = io.tmpfile() local own = getmetatable(file) "
+                                       "debug.setmetatable(file, getmetatable(c)) "
+                                       "local _, message = pcall(c.Add, file) getmetatable(c).__gc(file) "
+                                       "debug.setmetatable(file, own) return message")
+                                     .find("bad self (SLB.TestCounter expected, got userdata)"));
+}
+
 TEST_F(SlbClass, ADeepStackGrows)
 {
     for (int i = 0; i < 19; ++i)
@@ -224,7 +235,7 @@ TEST_F(SlbClass, ADeepStackGrows)
 
 TEST_F(SlbClass, AnInvalidObjectAborts)
 {
-    const SLB3::Object object = {SLB3::Storage::Invalid, &m_counter};
+    const SLB3::Object object = {SLB3::Storage::Invalid, &m_counter, &SLB3::Class<Counter>()};
     EXPECT_DEATH(SLB3::Unpack(object), "!\"Invalid object\"");
 }
 
