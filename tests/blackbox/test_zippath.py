@@ -231,6 +231,10 @@ def test_tokens_of_a_specification(installation, written, wanted):
         ("gr\u00fc\u00dfe.kxe", "bin/gr\u00fc\u00dfe.kxe"),
         ("a@b.kxe", "bin/a@b.kxe"),
         ("%s%n.kxe", "bin/%s%n.kxe"),
+        ("we\\ird.kxe", "bin/we\\ird.kxe"),
+        ("we\\\\ird.kxe", "bin/we\\\\ird.kxe"),
+        ("weird\\", "bin/weird\\"),
+        ("back\\slash/we\\ird.kxe", "bin/back\\slash/we\\ird.kxe"),
     ],
 )
 def test_named_file(installation, written, place):
@@ -345,6 +349,25 @@ def test_pattern_passes_the_version_gate_and_a_name_does_not(installation):
 
     assert installation.search_list("-z", "old.kxe;bare.kxe") == [generic(installation), old, bare]
     assert warnings(installation) == []
+
+
+@pytest.mark.parametrize(
+    "pattern, wanted", [("we\\*.kxe", "we\\ird.kxe"), ("we\\?rd.kxe", "we\\ird.kxe"), ("*\\?.kxe", "a\\*.kxe"), ("a\\*", "a\\*.kxe")]
+)
+def test_backslash_in_a_pattern_is_a_character(installation, pattern, wanted):
+    for name in ("weird.kxe", "weeird.kxe", "we*.kxe", "we?rd.kxe", "we\\ird.kxe", "a*", "a\\*.kxe"):
+        extension(installation, f"bin/pool/{name}")
+
+    searched = installation.search_list("-z", f"pool/{pattern}")
+
+    assert [path for path in searched[1:] if path.endswith(".kxe")] == [str(installation.bin / "pool" / wanted)]
+
+
+def test_backslash_in_a_name_quotes_nothing(installation):
+    archive(installation, "bin/weird.kxe")
+
+    assert installation.search_list("-z", "we\\ird.kxe") == [generic(installation)]
+    assert warnings(installation) == ["we\\ird.kxe: no matches"]
 
 
 def test_wildcard_in_the_folder_makes_the_token_a_pattern(installation):

@@ -61,9 +61,11 @@ wxString ExtensionPattern(const wxString& folder, const wxString& bin)
 wxArrayString MatchingFiles(const wxFileName& pattern)
 {
     wxArrayString files;
+    wxString name = pattern.GetFullName();
+    name.Replace(L"\\", L"\\\\"); // the framework would take it for a quote; here only "*" and "?" are special
     // An empty pattern would match every file.
-    if (!pattern.GetFullName().empty() && pattern.IsDirReadable())
-        wxDir::GetAllFiles(pattern.GetPath(), &files, pattern.GetFullName(), wxDIR_FILES);
+    if (!name.empty() && pattern.IsDirReadable())
+        wxDir::GetAllFiles(pattern.GetPath(), &files, name, wxDIR_FILES);
     return files;
 }
 
