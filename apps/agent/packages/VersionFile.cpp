@@ -36,11 +36,10 @@ std::optional<VersionNumbers> ParseVersion(const wxString& text)
     long major = 0;
     long minor = 0;
     long patch = 0;
-    long build = 0;
+    long build = 0; // has to be there, and may be any number: a time stamp, say
     if (std::swscanf(text.wc_str(), L"%ld.%ld.%ld-%ld", &major, &minor, &patch, &build) != 4)
         return std::nullopt;
-    if (!IsInt(major) || !IsInt(minor) || !IsInt(patch) || !IsInt(build))
+    if (!IsInt(major) || !IsInt(minor) || !IsInt(patch))
         return std::nullopt;
-    return VersionNumbers{static_cast<int>(major), static_cast<int>(minor), static_cast<int>(patch),
-                          static_cast<int>(build)};
+    return VersionNumbers{static_cast<int>(major), static_cast<int>(minor), static_cast<int>(patch)};
 }

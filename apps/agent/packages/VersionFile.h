@@ -7,13 +7,12 @@
 
 class wxInputStream;
 
-/// The four numbers of a version line. The build number takes no part in any comparison.
+/// The numbers of a version line that are compared. The build number is none of them.
 struct VersionNumbers
 {
     int major;
     int minor;
     int patch;
-    int build;
 };
 
 /// The text behind the first line that begins with "version:", at the first column and in lower case; nothing when no
@@ -21,5 +20,6 @@ struct VersionNumbers
 std::optional<wxString> FindVersionLine(wxInputStream& in);
 
 /// Reads `major.minor.patch-build`. White space before a number is skipped, a sign and leading zeros are accepted, and
-/// whatever follows the build number is ignored. Nothing when the text has another form, or a number is no `int`.
+/// whatever follows the build number is ignored. Nothing when the text has another form, or when one of the numbers that
+/// are compared is no `int`; the build number may have any number of digits.
 std::optional<VersionNumbers> ParseVersion(const wxString& text);

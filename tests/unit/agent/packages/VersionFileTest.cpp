@@ -60,8 +60,7 @@ std::string Version(const wxString& text)
     const auto version = ParseVersion(text);
     if (!version)
         return "-";
-    return std::to_string(version->major) + " " + std::to_string(version->minor) + " " +
-           std::to_string(version->patch) + " " + std::to_string(version->build);
+    return std::to_string(version->major) + " " + std::to_string(version->minor) + " " + std::to_string(version->patch);
 }
 
 struct Parsed
@@ -73,15 +72,10 @@ struct Parsed
 TEST(VersionFile, FourNumbersMakeAVersion)
 {
     const Parsed cases[] = {
-        {L" 11.0.0-2580", "11 0 0 2580"},
-        {L"11.0.0-2580", "11 0 0 2580"},
-        {L"\t 11. 0.\t0- 1", "11 0 0 1"},
-        {L"011.00.000-01", "11 0 0 1"},
-        {L"+11.-0.+0--5", "11 0 0 -5"},
-        {L"11.0.0-1 and more", "11 0 0 1"},
-        {L"11.0.0-1.2.3", "11 0 0 1"},
-        {L"11.0.0-0x1F", "11 0 0 0"},
-        {L"2147483647.0.0--2147483648", "2147483647 0 0 -2147483648"},
+        {L" 11.0.0-2580", "11 0 0"},      {L"\t 11. 0.\t0- 1", "11 0 0"},
+        {L"011.00.000-01", "11 0 0"},     {L"+11.-0.+0--5", "11 0 0"},
+        {L"11.0.0-1 and more", "11 0 0"}, {L"11.0.0-1.2.3", "11 0 0"},
+        {L"11.0.0-0x1F", "11 0 0"},       {L"2147483647.1.-2147483648-1", "2147483647 1 -2147483648"},
     };
     for (const Parsed& parsed : cases)
         EXPECT_EQ(parsed.numbers, Version(parsed.text)) << parsed.text;
@@ -97,9 +91,16 @@ TEST(VersionFile, AnythingElseIsMalformed)
 
 TEST(VersionFile, NumbersThatDoNotFitAreMalformed)
 {
-    for (const wchar_t* text : {L"2147483648.0.0-1", L"4294967307.0.0-1", L"11.0.0-2147483648", L"11.0.-2147483649-1",
+    for (const wchar_t* text : {L"2147483648.0.0-1", L"4294967307.0.0-1", L"11.0.-2147483649-1",
                                 L"18446744073709551627.0.0-1", L"99999999999999999999999.0.0-1"})
         EXPECT_EQ("-", Version(text)) << text;
+}
+
+TEST(VersionFile, TheBuildNumberMayBeAnyNumber)
+{
+    for (const wchar_t* text : {L"11.0.0-2147483648", L"11.0.0-20261122004419", L"11.0.0--9223372036854775809",
+                                L"11.0.0-99999999999999999999999"})
+        EXPECT_EQ("11 0 0", Version(text)) << text;
 }
 
 } // namespace
