@@ -18,7 +18,8 @@
 
 namespace {
 
-// Seconds after which a test run's blocking call is interrupted. The alarm does not end the process.
+// Seconds after which the alarm of a test run goes off. It ends nothing: at most it interrupts a blocking call of the
+// thread that happens to take it.
 const unsigned int kTestAlarm = 600;
 
 } // namespace
