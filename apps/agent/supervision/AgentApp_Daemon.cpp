@@ -31,14 +31,13 @@ const int kAdoptionNaps = 50000; // of a tenth of a millisecond
 // Ends this process in favour of its child. Returns false in the process that goes on as the caller only when there is
 // no child.
 //
-// Everything that this process has made goes on in the child, so nothing is taken down here; that would also hold the
-// child up. What the streams hold is written before there are two of them.
+// What the streams hold is written before there are two of them.
 bool LiveOnInChild(const wxString& failure)
 {
     std::fflush(nullptr);
     const pid_t child = fork();
     if (child > 0)
-        _exit(EXIT_SUCCESS);
+        std::exit(EXIT_SUCCESS);
     if (child == 0)
         return true;
     wxLogSysError(errno, L"%s", failure);
