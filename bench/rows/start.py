@@ -10,6 +10,7 @@ import select
 import signal
 import subprocess
 import time
+from contextlib import suppress
 from pathlib import Path
 
 from harness.row import AGENT, FLOOR, Group, Row
@@ -100,7 +101,8 @@ class Starter:
         while left := list(self.processes()):
             if time.monotonic() >= end:
                 for process in left:
-                    os.kill(process, signal.SIGKILL)
+                    with suppress(ProcessLookupError):
+                        os.kill(process, signal.SIGKILL)
             time.sleep(0.001)
 
     def in_foreground(self, contender):
