@@ -1,5 +1,6 @@
 """The watchdog: how soon it replaces a worker, what it costs while nothing happens, how soon it stops."""
 
+import random
 import time
 from contextlib import ExitStack
 
@@ -14,6 +15,9 @@ POLICY_DELAY_MS = 1000
 
 # Supervisors that wait before a restart do so when the program is younger than this.
 SETTLED_S = 1.2
+
+# Those that look at their program once a second find it dead sooner or later, by chance.
+POLL_S = 1
 
 # For a program to come to rest behind its first line.
 REST_S = 0.1
@@ -31,11 +35,11 @@ class Folders:
         return self._rig.folder(f"{kind.__name__}{self._count}")
 
 
-def restart_after(rig, folders, kind, age_s, delay_ms=0):
-    """A function that takes one sample of a program that gets to be `age_s` old."""
+def restart_after(rig, folders, kind, age_s, delay_ms=0, spread_s=0):
+    """A function that takes one sample of a program that gets to be `age_s` old, and up to `spread_s` older."""
     def sample():
         with Service(kind, rig, folders(kind)) as service:
-            time.sleep(age_s)
+            time.sleep(random.uniform(age_s, age_s + spread_s))
             return service.restart_ms() - delay_ms
     return sample
 
@@ -51,7 +55,7 @@ def restart(rig):
         contenders[f"{kind.__name__} at once"] = restart_after(rig, folders, kind, REST_S)
     contenders["s6"] = restart_after(rig, folders, kinds.s6, REST_S)
     for kind in kinds.installed(rig):
-        contenders[kind.__name__] = restart_after(rig, folders, kind, SETTLED_S)
+        contenders[kind.__name__] = restart_after(rig, folders, kind, SETTLED_S, spread_s=POLL_S)
     return {"restart": in_turn(contenders, rig.pick(1, 5))}
 
 
