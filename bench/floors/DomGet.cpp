@@ -36,7 +36,7 @@ int FloorGet(lua_State* L)
 // stack: -> the object
 void PushFloor(lua_State* L, Map* map)
 {
-    *static_cast<Map**>(lua_newuserdata(L, sizeof map)) = map;
+    *static_cast<Map**>(lua_newuserdata(L, sizeof(Map*))) = map;
     lua_newtable(L);
     lua_newtable(L);
     lua_pushcfunction(L, FloorGet);
@@ -82,7 +82,8 @@ int main(int argc, char** argv)
     lua_setglobal(L, "floor");
     if (luaL_dostring(L, "function loop(o, n) for i = 1, n do local v = o:Get('bench.key.1') end end") != LUA_OK)
         return 1;
-    InTurn::Print("dom.get", {Caller(L, "agent"), Caller(L, "floor")}, 1, std::atoi(argv[1]), std::atoi(argv[2]));
+    InTurn::Print("dom.get", {Caller(L, "agent"), Caller(L, "floor")}, 1, InTurn::Number(argv[1]),
+                  InTurn::Number(argv[2]));
     lua_close(L);
     return 0;
 }

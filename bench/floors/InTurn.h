@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -38,6 +39,12 @@ inline double NanosecondsPerCall(const Contender& contender, int threads, int ca
     for (const double each : nanoseconds)
         sum += each;
     return sum / threads;
+}
+
+/// A number of calls or rounds from the command line; 0 for what is none.
+inline int Number(const char* text)
+{
+    return static_cast<int>(std::strtol(text, nullptr, 10));
 }
 
 /// Prints "ROW CONTENDER SAMPLE" for each contender and round, a round beginning with another contender each time.

@@ -5,7 +5,6 @@
 // Usage: StoreReads CALLS ROUNDS
 
 #include <atomic>
-#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -48,8 +47,8 @@ int main(int argc, char** argv)
 {
     if (argc != 3)
         return 2;
-    const int calls = std::atoi(argv[1]);
-    const int rounds = std::atoi(argv[2]);
+    const int calls = InTurn::Number(argv[1]);
+    const int rounds = InTurn::Number(argv[2]);
 
     const wxInitializer framework;
     const std::unique_ptr<VelCore::CDom> dom(VelCore::CDom::New(nullptr, nullptr, nullptr, true));

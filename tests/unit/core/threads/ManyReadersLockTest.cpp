@@ -19,6 +19,7 @@ const int kThreads = 12; // more than there are slots
 void OnThreads(int count, const std::function<void()>& work)
 {
     std::vector<std::thread> threads;
+    threads.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i)
         threads.emplace_back(work);
     for (std::thread& thread : threads)
