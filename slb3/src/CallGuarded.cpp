@@ -1,9 +1,11 @@
-// Between Lua, which is C, and methods that may throw.
+// Between Lua, which is C, and functions that may throw.
 //
-// Tested by: unit/slb3/ClassTest.cpp.
+// Tested by: unit/slb3/ClassTest.cpp, blackbox/test_lua_host.py.
 
+#include <cstddef>
 #include <cstdio>
 #include <exception>
+#include <limits>
 #include <new>
 
 #include <SLB3/Wrapper.h>
@@ -11,21 +13,28 @@
 namespace SLB3 {
 namespace {
 
-const char kNoMemory[] = "not enough memory";
+// Lua's own memory error, which has a status of its own, can only be had by asking for more than there can be.
+void RaiseMemoryError(lua_State* L)
+{
+    lua_newuserdata(L, static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max()));
+}
 
 } // namespace
 
-// The error is raised behind the handlers: it leaves by longjmp, which must not skip the end of an exception.
-int CallGuarded(lua_State* L, lua_CFunction method)
+// The errors are raised behind the handlers: they leave by longjmp, which must not skip the end of an exception.
+int CallGuarded(lua_State* L, lua_CFunction function)
 {
-    char reason[256];
+    bool isMemoryShort = false;
+    char reason[256] = "";
     try {
-        return method(L);
+        return function(L);
     } catch (const std::bad_alloc&) {
-        std::snprintf(reason, sizeof reason, "%s", kNoMemory);
+        isMemoryShort = true;
     } catch (const std::exception& exception) {
         std::snprintf(reason, sizeof reason, "%s", exception.what());
     }
+    if (isMemoryShort)
+        RaiseMemoryError(L);
     return luaL_error(L, "%s", reason);
 }
 

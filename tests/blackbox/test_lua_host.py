@@ -5,7 +5,7 @@ import re
 
 import pytest
 
-from agentbox import escaped, stock_lua
+from agentbox import escaped, stock_lua, through_shell
 
 
 def run_main(installation, main, *words, status=0, **options):
@@ -759,6 +759,60 @@ def test_exhaustion_of_the_address_space_is_told(installation):
         assert installation.log_lines("Error") == ["not enough memory"]
     else:
         assert outcome.status == 2
+
+
+@pytest.mark.address_space
+def test_exhaustion_while_preparing_is_an_error_of_lua(installation):
+    installation.write_app(main="print(#arg)")
+    words = 300000
+
+    def run_within(mebibytes):
+        # That many words do not fit through the limit of the stack that most callers have, nor onto this command line.
+        script = f'ulimit -s unlimited; set -- "$@" -- $(yes argument | head -n {words}); ulimit -v {mebibytes << 10}; exec "$@"'
+        return installation.run(wrapper=through_shell(script))
+
+    # The first limit that is too low leaves enough for the main thread, which has fewer copies of the words.
+    outcomes = (run_within(mebibytes) for mebibytes in range(400, 0, -16))
+    outcome = next(outcome for outcome in outcomes if outcome.out != f"{words}\n")
+
+    assert (outcome.status, outcome.err) == (4, "Error setting up Lua:\nnot enough memory\n")
+    assert installation.log_lines("Error") == ["Error setting up Lua:\\nnot enough memory"]
+
+
+@pytest.mark.address_space
+def test_message_too_long_for_the_memory_is_shortened(installation):
+    installation.write_app(main="error(('x'):rep(20e6) .. 'y')")
+
+    for megabytes in range(160, 600, 40):
+        outcome = installation.run(wrapper=("prlimit", f"--as={megabytes}000000"))
+
+        (record,) = installation.log_lines("Error")
+        installation.log_file().unlink()
+        assert outcome.status == 2, (megabytes, outcome.status, outcome.err[:200])
+        for text in (outcome.err, record):
+            assert f"{installation.name}.lua:4: xxx" in text[:200], (megabytes, text[:200])
+            assert f"in function '{installation.name}.main'" in text[-200:], (megabytes, text[-200:])
+            assert len(text) > 20e6 or "bytes left out, memory is short" in text, (megabytes, len(text))
+
+
+@pytest.mark.address_space
+def test_exception_of_the_host_is_told(installation):
+    """As many and as long names as no memory is for."""
+    folder = installation.root
+    while len(str(folder)) < 3600:
+        folder /= "d" * 200
+    os.makedirs(folder)
+    for number in range(20):
+        (folder / f"{number}.kxe").touch()
+    installation.write_app()
+
+    outcome = installation.run(
+        *("-z", "$P;" * 1000), env={"P": f"{folder}/*.kxe"}, wrapper=("prlimit", "--as=400000000")
+    )
+
+    failure = 'std::exception of type "St9bad_alloc", what() = "std::bad_alloc"'
+    assert (outcome.status, outcome.out) == (255, "")
+    assert installation.log_lines("Error") == [f"The application has failed: {failure}"]
 
 
 @pytest.mark.address_space

@@ -1,7 +1,8 @@
 // CAgentApp: prepares an interpreter: search paths, domain, module loader, arguments.
 //
 // All of it runs inside a protected call, on the thread of the interpreter. Lua leaves a failing function by longjmp,
-// which runs no destructors, so nothing here holds an object with one while it calls a Lua function that may fail.
+// which runs no destructors, so nothing here holds an object with one while it calls a Lua function that may fail. The
+// C++ parts may throw when memory is short; that becomes a Lua error.
 //
 // Tested by: unit/agent/luahost/ArgLayoutTest.cpp, blackbox/test_lua_host.py.
 
@@ -27,7 +28,9 @@ int CAgentApp::SetupLua(lua_State* L)
 {
     auto* pThis = static_cast<CAgentApp*>(lua_touserdata(L, lua_upvalueindex(1)));
     wxASSERT(pThis && (L == pThis->L()));
-    return pThis->SetupLua();
+    return SLB3::CallGuarded(L, [](lua_State* state) {
+        return static_cast<CAgentApp*>(lua_touserdata(state, lua_upvalueindex(1)))->SetupLua();
+    });
 }
 
 int CAgentApp::SetupLua()

@@ -1,6 +1,6 @@
 // The script thread's life.
 //
-// Tested by: blackbox/test_exit_status.py, blackbox/test_run_modes.py.
+// Tested by: blackbox/test_exit_status.py, blackbox/test_lua_host.py, blackbox/test_run_modes.py.
 
 #include "luahost/ScriptThread.h"
 
@@ -9,18 +9,32 @@
 #include <cstdlib>
 #include <future>
 #include <memory>
+#include <new>
 
 #include <wx/evtloop.h>
+#include <wx/log.h>
 
 #include <VelCore/EndProcess.h>
 #include <VelCore/RunnableRegistry.h>
 
 #include "AgentApp.h"
+#include "shell/ExceptionText.h"
 #include "supervision/MainThreadStop.h"
 
 namespace {
 
 const std::chrono::seconds kRunnablePatience{10};
+
+// The exception that is being handled: a record for the operator, then the report of the application.
+void ReportException(CAgentApp& app)
+{
+    try {
+        wxLogError(L"The application has failed: %s", DescribeCurrentException());
+        app.OnUnhandledException();
+    } catch (const std::bad_alloc&) {
+        return; // without memory for a line of text, the status has to do
+    }
+}
 
 // What escapes here would end the thread but leave the process waiting for its status.
 int RunScriptGuarded(CAgentApp& app)
@@ -28,7 +42,7 @@ int RunScriptGuarded(CAgentApp& app)
     try {
         return app.OnRunScript();
     } catch (...) {
-        app.OnUnhandledException();
+        ReportException(app);
         return -1;
     }
 }

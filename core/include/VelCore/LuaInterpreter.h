@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include <wx/string.h>
 
@@ -66,12 +67,14 @@ public:
     /// number or a numeric text, so 2^32 counts as success; 0 for everything else.
     int TakeStatus();
 
-    /// The message of the last failure, followed by its stack traceback; empty when none has failed.
+    /// The message of the last failure, followed by its stack traceback; empty when none has failed. The middle of a
+    /// long text is left out where memory was too short for it.
     wxString GetErrorInfo() const { return m_errorInfo; }
 
 private:
     int Fail(int status);
-    void RecordFailure(const std::string& text);
+    void RecordFailure(std::string_view text);
+    void RecordText(std::string_view text);
 
     lua_State* m_state = nullptr;
     bool m_showFailures;

@@ -46,6 +46,7 @@ protected:
 private:
     int RunModule();
     static int PrepareInterpreter(lua_State* L);
+    static int Prepare(lua_State* L);
 
     std::string m_module;
     std::string m_values;

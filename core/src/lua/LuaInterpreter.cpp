@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <new>
 
 #include <wx/stream.h>
 
@@ -33,6 +34,9 @@ namespace {
 // What RunScript answers when the chunk cannot be loaded. Lua's own number for it, 3, means something else as an exit
 // status.
 const int kCannotLoad = 1;
+
+// How much of each end of a failure's text is kept when there is no memory for all of it.
+const std::size_t kKeptOfLongText = 2000; // bytes
 
 int OpenLibraries(lua_State* L)
 {
@@ -90,6 +94,17 @@ std::string ReadAll(wxInputStream& in)
     while (in.Read(buffer, sizeof buffer).LastRead() > 0)
         text.append(buffer, in.LastRead());
     return text;
+}
+
+// The message begins the text, and the innermost calls of the traceback end it.
+std::string Shortened(std::string_view text)
+{
+    if (text.size() <= 2 * kKeptOfLongText)
+        return std::string(text);
+    const std::size_t left = text.size() - 2 * kKeptOfLongText;
+    std::string shortened(text.substr(0, kKeptOfLongText));
+    shortened.append("\n... (").append(std::to_string(left)).append(" bytes left out, memory is short) ...\n");
+    return shortened.append(text.substr(text.size() - kKeptOfLongText));
 }
 
 } // namespace
@@ -192,11 +207,21 @@ int CLuaInterpreter::Fail(int status)
 {
     std::size_t length = 0;
     const char* text = lua_tolstring(m_state, -1, &length);
-    RecordFailure(text ? std::string(text, length) : std::string("(no error message)"));
+    RecordFailure(text ? std::string_view(text, length) : "(no error message)");
     return status;
 }
 
-void CLuaInterpreter::RecordFailure(const std::string& text)
+// A message may be of any length, and the want of memory may be what it tells of.
+void CLuaInterpreter::RecordFailure(std::string_view text)
+{
+    try {
+        RecordText(text);
+    } catch (const std::bad_alloc&) {
+        RecordText(Shortened(text));
+    }
+}
+
+void CLuaInterpreter::RecordText(std::string_view text)
 {
     m_errorInfo = FromUtf8(text);
     if (m_showFailures) {

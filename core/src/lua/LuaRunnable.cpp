@@ -67,6 +67,11 @@ CLuaRunnable::~CLuaRunnable() = default;
 // stack: a NewInterpreter, as light userdata -> the module's name, the runnable, the values
 int CLuaRunnable::PrepareInterpreter(lua_State* L)
 {
+    return SLB3::CallGuarded(L, Prepare);
+}
+
+int CLuaRunnable::Prepare(lua_State* L)
+{
     const auto& fresh = *static_cast<const NewInterpreter*>(lua_touserdata(L, 1));
     if (fresh.prepare)
         fresh.prepare(fresh.interpreter);

@@ -4,18 +4,31 @@
 
 #include "trace/LogText.h"
 
+#include <ctime>
+
 #include <VelCore/Utf8.h>
 
 namespace VelCore {
+namespace {
+
+bool IsEnabled(wxLogLevel level)
+{
+    return wxLog::IsLevelEnabled(level, wxASCII_STR(wxLOG_COMPONENT)) && (level != wxLOG_Info || wxLog::GetVerbose());
+}
+
+} // namespace
 
 void LogText(wxLogLevel level, std::string_view text)
 {
+    if (!IsEnabled(level))
+        return;
     wxString shown = FromUtf8(text);
     shown.Replace(wxString(L'\0', 1), L"\\x00"); // as the log shows it
-    if (level == wxLOG_Info)
-        wxLogVerbose(L"%s", shown);
-    else
-        wxLogGeneric(level, L"%s", shown);
+    // There is nothing to format, and the framework's formatting of a long text crashes when memory is short.
+    wxLogRecordInfo info(__FILE__, __LINE__, __func__, wxLOG_COMPONENT);
+    info.timestamp = std::time(nullptr);
+    info.timestampMS = info.timestamp * 1000LL;
+    wxLog::OnLog(level, shown, info);
 }
 
 } // namespace VelCore

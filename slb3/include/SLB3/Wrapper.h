@@ -98,9 +98,9 @@ void Share(SharedObject<T>& shared, std::shared_ptr<T> owner)
     shared.object.pointer = shared.owner.get();
 }
 
-/// Calls `method` and turns a C++ exception of its into a Lua error, so that a script can catch it and no frame of
-/// Lua's is left by it.
-int CallGuarded(lua_State* L, lua_CFunction method);
+/// Calls a function that may throw, in a C function that Lua has called: a C++ exception of its becomes a Lua error, so
+/// that a protected call can catch it and no frame of Lua's is left by it. Without memory it is Lua's memory error.
+int CallGuarded(lua_State* L, lua_CFunction function);
 
 /// Adds a method to the namespace table at `namespaceAt`.
 inline void AddMethod(lua_State* L, int namespaceAt, const char* name, lua_CFunction method)

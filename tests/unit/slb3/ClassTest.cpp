@@ -125,6 +125,14 @@ TEST_F(SlbClass, AnExceptionOfAMethodIsALuaError)
               Value("local ok, message = pcall(c.ThrowLengthError, c) return tostring(ok) .. ' ' .. message"));
 }
 
+TEST_F(SlbClass, ExceptionsHaveTheStatusesOfLua)
+{
+    lua_pushcfunction(L(), [](lua_State* state) { return SLB3::CallGuarded(state, ThrowBadAlloc); });
+    EXPECT_EQ(LUA_ERRMEM, lua_pcall(L(), 0, 0, 0));
+    lua_pushcfunction(L(), [](lua_State* state) { return SLB3::CallGuarded(state, ThrowLengthError); });
+    EXPECT_EQ(LUA_ERRRUN, lua_pcall(L(), 0, 0, 0));
+}
+
 TEST_F(SlbClass, ANullPointerIsNilAndDefinesNothing)
 {
     Push("c", nullptr);
