@@ -60,6 +60,24 @@ def test_a_package_is_unpacked_renamed_and_on_record(installation):
     assert installation.log_text() == ""
 
 
+@pytest.mark.parametrize(
+    "packages", [{}, {SAMPLE: b"no archive"}, {SAMPLE: {"../a": ""}}, {"Feature-Sample-10.0.0-1.x.kxp": {"a": ""}}], ids=str
+)
+def test_what_a_crash_left_goes_whatever_is_to_be_installed(installation, packages):
+    for name, content in packages.items():
+        put(installation, name, content)
+    before = plugins(installation)
+    for folder in ("", "lib/", "vel_core/", "work/"):
+        path = installation.bin / folder / ".vel-unfinished-0123456789abcdef"
+        path.parent.mkdir(exist_ok=True)
+        path.write_text("half")
+
+    run(installation)
+
+    assert [path for path in installation.bin.rglob(".vel-unfinished-*")] == []
+    assert plugins(installation).keys() >= before.keys()
+
+
 def test_an_installed_package_is_not_installed_again(installation):
     put(installation, SAMPLE, FILES)
     run(installation)

@@ -24,11 +24,20 @@ namespace VelCore {
 /// none), without set-user-id, set-group-id and sticky bits; a folder that was there before keeps its own. Links and
 /// other special entries are left out with a warning. See docs/CORE.md, "Archives on disk".
 ///
+/// What earlier runs have left unfinished below the destination is removed first, see RemoveUnfinished.
+///
 /// Errors:  false, after an error-level record with the archive, the entry and the reason, when the archive cannot be
 ///          read or is refused, or at the first entry that is damaged or cannot be written. The entries before it stay.
 ///          True means that the archive was read to its end and that everything is on the disk.
 /// Threads: any, also in several processes for one destination; the callback runs on the calling thread.
 bool Unzip(const wxFileName& archive, const wxFileName& destination,
            bool (*callback)(void* context, const wxZipEntry* entry, const wxString* target), void* context);
+
+/// Removes the files below `destination` that runs of Unzip have left unfinished because they did not come to their
+/// end. Those that a living process is writing stay. Links to folders are not followed.
+///
+/// Errors:  a warning for each file that cannot be removed, and each folder that cannot be listed.
+/// Threads: any, also in several processes.
+void RemoveUnfinished(const wxFileName& destination);
 
 } // namespace VelCore

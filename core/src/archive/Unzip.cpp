@@ -93,9 +93,6 @@ public:
     // Names first, then the disk.
     bool Vet();
 
-    // Before anything is written: what was left may be what fills the disk.
-    void CleanUp() const { m_folder.RemoveLeftovers(); }
-
     bool Walk(bool (*callback)(void*, const wxZipEntry*, const wxString*), void* context);
 
     // Also after a failure: what was unpacked before it stays.
@@ -221,6 +218,9 @@ bool CUnpacking::WritePieces(const ZipEntry& entry, CNewFile& file, std::string&
 bool Unzip(const wxFileName& archive, const wxFileName& destination,
            bool (*callback)(void* context, const wxZipEntry* entry, const wxString* target), void* context)
 {
+    // Before anything is written: what was left may be what fills the disk. It goes whatever becomes of this archive.
+    RemoveUnfinished(destination);
+
     const std::string path = ToUtf8(archive.GetFullPath());
     std::string reason;
     auto opened = CZipArchive::Open(path, reason);
@@ -230,9 +230,13 @@ bool Unzip(const wxFileName& archive, const wxFileName& destination,
     CUnpacking unpacking(std::move(opened), FolderPath(destination));
     if (!unpacking.Vet())
         return false;
-    unpacking.CleanUp();
     const bool walked = unpacking.Walk(callback, context);
     return unpacking.Finish() && walked;
+}
+
+void RemoveUnfinished(const wxFileName& destination)
+{
+    CUnpackFolder(FolderPath(destination)).RemoveLeftovers();
 }
 
 } // namespace VelCore

@@ -1058,6 +1058,18 @@ TEST_F(Unzip, RemovesWhatACrashLeftInEveryFolder)
     EXPECT_TRUE(m_log.Records().empty());
 }
 
+TEST_F(Unzip, RemovesWhatACrashLeftAlsoWhenTheArchiveIsRefusedOrUnreadable)
+{
+    m_box.Write("out/folder/" + VelCore::TemporaryName(7), "half");
+    EXPECT_FALSE(Unpack({File("../a", "1")}));
+    EXPECT_EQ((Strings{"folder/"}), Tree(m_out));
+
+    m_box.Write("out/folder/" + VelCore::TemporaryName(7), "half");
+    EXPECT_FALSE(VelCore::Unzip(wxFileName(FromUtf8(m_box / "missing.zip")), wxFileName::DirName(FromUtf8(m_out)),
+                                Calls::Take, &m_calls));
+    EXPECT_EQ((Strings{"folder/"}), Tree(m_out));
+}
+
 TEST_F(Unzip, LeavesNothingUnfinishedWhenItIsKilledAndRunAgain)
 {
     const std::string large = Noise(kLarge);
