@@ -18,7 +18,8 @@ struct MappedEntry
     bool isDeflated = false;
 };
 
-/// An archive mapped into memory. Nothing is checked: it is one of ours, without Zip64, comments and local extra fields.
+/// An archive mapped into memory. Nothing is checked: it is one of ours, without Zip64, comments and local extra
+/// fields.
 class CMappedZip
 {
 public:

@@ -20,8 +20,8 @@ extern const char* const kRequireAll;
 /// Pushes the lines of a file as a list.
 void PushLines(lua_State* L, const std::string& path);
 
-/// Makes a state with Lua's libraries and its own `require`, which has this searcher (a closure with one light userdata)
-/// right behind the one for preloaded modules, and requires the modules whose names stand in a file.
+/// Makes a state with Lua's libraries and its own `require`, which has this searcher (a closure with one light
+/// userdata) right behind the one for preloaded modules, and requires the modules whose names stand in a file.
 void RequireAll(int (*searcher)(lua_State*), void* context, const std::string& namesPath);
 
 } // namespace VelBench

@@ -71,9 +71,9 @@ def microseconds(count, *command):
 
 def requires(rig, modules, archives):
     """The contenders that take the modules out of archives."""
-    empty = rig.folder("bin")
+    installed = rig.build / "bin"
     return {
-        "agent": lambda: microseconds(modules.count, rig.program("RequireAgent"), empty, archives, modules.names),
+        "agent": lambda: microseconds(modules.count, rig.program("RequireAgent"), installed, archives, modules.names),
         "floor": lambda: microseconds(modules.count, rig.program("RequireFloor"), archives, modules.names),
         "libzip": lambda: microseconds(modules.count, rig.program("RequireLibzip"), archives, modules.names),
     }
