@@ -50,6 +50,15 @@ void RemoveIfLeftover(int folder, const char* name)
             L"%s", FromUtf8(DescribeError(std::string("Unable to remove the unfinished file '") + name + "'", errno)));
 }
 
+// Most file systems tell it with the name.
+bool IsFolder(int folder, const dirent& entry)
+{
+    if (entry.d_type != DT_UNKNOWN)
+        return entry.d_type == DT_DIR;
+    struct stat status = {};
+    return fstatat(folder, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
+}
+
 } // namespace
 
 std::optional<CNewFile> CNewFile::Create(int folder, std::uint64_t& number, std::string& reason)
@@ -135,13 +144,11 @@ std::vector<std::string> RemoveLeftovers(int folder)
     }
     again.Release(); // the listing closes it
     while (const dirent* entry = readdir(listing.get())) {
-        const std::string name = entry->d_name;
-        struct stat status = {};
+        const std::string_view name = entry->d_name;
         if (IsTemporaryName(name))
-            RemoveIfLeftover(folder, name.c_str());
-        else if (name != "." && name != ".." && fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-                 S_ISDIR(status.st_mode))
-            folders.push_back(name);
+            RemoveIfLeftover(folder, entry->d_name);
+        else if (name != "." && name != ".." && IsFolder(folder, *entry))
+            folders.emplace_back(name);
     }
     return folders;
 }
