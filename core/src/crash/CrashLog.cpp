@@ -19,6 +19,7 @@
 #include "crash/TextBuffer.h"
 #include "process/Descriptors.h"
 #include "time/CivilTime.h"
+#include "trace/LogLock.h"
 
 namespace VelCore {
 namespace {
@@ -27,7 +28,7 @@ SharedText<PATH_MAX> g_path;
 std::atomic<std::int64_t> g_utcOffset{0};
 
 // A thread of the crashed process may have been stopped while it held the lock. Appends are whole without it, too.
-const int kLockAttempts = 50; // of a millisecond
+const int kLockAttempts = 500; // of a tenth of a millisecond
 
 const int kShowPatienceMs = 100;
 
@@ -62,15 +63,6 @@ bool IsOurs(int file)
     return fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid();
 }
 
-void Lock(int file)
-{
-    struct flock whole = {};
-    whole.l_type = F_WRLCK;
-    whole.l_whence = SEEK_SET;
-    for (int attempt = 0; attempt < kLockAttempts && fcntl(file, F_SETLK, &whole) != 0; ++attempt)
-        poll(nullptr, 0, 1);
-}
-
 void AppendToLog(std::string_view line)
 {
     char path[PATH_MAX + 1] = {};
@@ -85,7 +77,7 @@ void AppendToLog(std::string_view line)
     if (file < 0)
         return;
     if (IsOurs(file)) {
-        Lock(file);
+        LockLog(file, kLockAttempts);
         WriteAll(file, line);
     }
     close(file);

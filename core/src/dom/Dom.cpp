@@ -6,6 +6,7 @@
 
 #include <atomic>
 
+#include <VelCore/Trace.h>
 #include <VelCore/Utf8.h>
 
 #include "dom/DomStore.h"
@@ -35,6 +36,7 @@ bool HoldsBelow(const CDom& dom, const std::string& name)
 void NoteSettingsChange()
 {
     g_settingsGeneration.fetch_add(1, std::memory_order_release);
+    TraceFilter::Reset();
 }
 
 } // namespace

@@ -5,10 +5,10 @@
 #include <VelCore/Log2Disk.h>
 
 #include <iterator>
-
-#include <VelCore/Utf8.h>
+#include <string>
 
 #include "trace/LogFile.h"
+#include "trace/RecordText.h"
 
 namespace VelCore {
 namespace {
@@ -26,7 +26,9 @@ const char* LevelWord(wxLogLevel level)
 
 void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo& info)
 {
-    CLogFile::Get().Append(info.timestamp, LevelWord(level), ToUtf8(message));
+    std::string record = CLogFile::Begin(info.timestamp, LevelWord(level));
+    AppendEscaped(message, record);
+    CLogFile::Get().Append(std::move(record));
 }
 
 CTerminalQuiet::CTerminalQuiet()

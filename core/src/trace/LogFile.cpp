@@ -21,6 +21,7 @@
 
 #include "crash/CrashLog.h"
 #include "process/Descriptors.h"
+#include "process/OwnPid.h"
 #include "time/CivilTime.h"
 #include "trace/RecordText.h"
 
@@ -28,10 +29,6 @@ namespace VelCore {
 namespace {
 
 thread_local int t_quiet = 0;
-
-// Others hold the lock for microseconds; a second is for one that was stopped meanwhile.
-const long kLockPauseNs = 100000;
-const int kLockAttempts = 10000;
 
 // How far back the beginning of a broken record is looked for.
 const std::size_t kTailBytes = 65536;
@@ -95,23 +92,34 @@ void CLogFile::TellCrashHandler()
     FollowSettings();
 }
 
+std::string CLogFile::Begin(std::time_t when, std::string_view level)
+{
+    return RecordStart(Stamp(when), static_cast<long>(OwnPid()), level);
+}
+
 void CLogFile::Append(std::time_t when, std::string_view level, std::string_view text)
 {
-    const std::string line = RecordLine(Stamp(when), static_cast<long>(getpid()), level, text);
+    std::string record = Begin(when, level);
+    AppendEscaped(text, record);
+    Append(std::move(record));
+}
+
+void CLogFile::Append(std::string record)
+{
+    record += '\n';
 
     const std::lock_guard lock(m_mutex);
     FollowSettings();
     std::string reason;
-    const bool isWritten = !m_work.empty() && ReadyToWrite(reason) && WriteLine(line, reason);
-    if (m_file >= 0)
-        Unlock();
+    const bool mayAppend = m_lease.IsValid() && m_end < m_rotateAt;
+    const bool isWritten = !m_work.empty() && (mayAppend ? WriteLine(record, reason) : WriteUnderLock(record, reason));
     if (!isWritten) {
-        WriteToStandardError(line, reason);
+        WriteToStandardError(record, reason);
         return;
     }
     m_lastReason.clear();
     if (t_quiet == 0 && StandardErrorIsTerminal())
-        WriteAll(STDERR_FILENO, line);
+        WriteAll(STDERR_FILENO, record);
 }
 
 void CLogFile::FollowSettings()
@@ -129,10 +137,21 @@ void CLogFile::FollowSettings()
     if (work == m_work && fileName == m_fileName)
         return;
     Close();
+    m_lease.StartAnew();
     m_work = work;
     m_fileName = fileName;
     m_rotateAt = s_RotateAt;
     SetCrashLogPath(work.empty() ? "" : work + "/log/" + fileName);
+}
+
+bool CLogFile::WriteUnderLock(const std::string& line, std::string& reason)
+{
+    const bool isWritten = ReadyToWrite(reason) && WriteLine(line, reason);
+    if (isWritten)
+        m_lease.Look(m_file, m_isAlone);
+    if (m_file >= 0)
+        UnlockLog(m_file);
+    return isWritten;
 }
 
 // Leaves the file locked.
@@ -142,42 +161,32 @@ bool CLogFile::ReadyToWrite(std::string& reason)
     for (int round = 0; round < s_OldFiles; ++round) {
         if (m_file < 0 && !Open(reason))
             return false;
-        Lock();
+        LockLog(m_file, s_LockAttempts);
 
         struct stat current = {};
         if (fstatat(m_folder, m_fileName.c_str(), &current, AT_SYMLINK_NOFOLLOW) != 0 || !IsSame(current, m_identity)) {
             Close(); // somebody removed or rotated it: go on with the current one
+            m_lease.StartAnew();
             continue;
         }
         if (current.st_size >= m_rotateAt && Rotate())
             continue;
-        if (current.st_size != m_end)
-            EndLastLine(current.st_size);
+        m_isAlone = current.st_size == m_end;
+        if (!m_isAlone)
+            TakeOver();
         return true;
     }
     return m_file >= 0 || Open(reason);
 }
 
-// Where there are no locks, or somebody was stopped while he held this one, a record is worth more than its order.
-void CLogFile::Lock() const
+// Somebody else has written last.
+void CLogFile::TakeOver()
 {
-    struct flock whole = {};
-    whole.l_type = F_WRLCK;
-    whole.l_whence = SEEK_SET;
-    const struct timespec pause = {0, kLockPauseNs};
-    for (int attempt = 0; attempt < kLockAttempts; ++attempt) {
-        if (fcntl(m_file, F_SETLK, &whole) == 0 || (errno != EACCES && errno != EAGAIN && errno != EINTR))
-            return;
-        nanosleep(&pause, nullptr);
-    }
-}
-
-void CLogFile::Unlock() const
-{
-    struct flock whole = {};
-    whole.l_type = F_UNLCK;
-    whole.l_whence = SEEK_SET;
-    fcntl(m_file, F_SETLK, &whole);
+    CLogLease::AwaitOthers(m_file);
+    struct stat current = {};
+    if (fstat(m_file, &current) == 0)
+        EndLastLine(current.st_size);
+    m_end = lseek(m_file, 0, SEEK_END);
 }
 
 bool CLogFile::MakeFolder(std::string& reason)
@@ -231,6 +240,7 @@ void CLogFile::Close()
         *descriptor = -1;
     }
     m_end = 0;
+    m_lease.Drop();
 }
 
 // Moves the full file away; closes it, and so releases the lock. Returns false when it has to stay.
@@ -265,7 +275,7 @@ bool CLogFile::WriteLine(const std::string& line, std::string& reason)
 {
     const std::size_t written = WriteAll(m_file, line);
     if (written == line.size()) {
-        m_end = lseek(m_file, 0, SEEK_CUR); // an append moves the position to its own end
+        m_end += static_cast<off_t>(written);
         return true;
     }
     reason = SystemReason("cannot write log file", m_work + "/log/" + m_fileName);
@@ -286,8 +296,8 @@ void CLogFile::TakeBack(std::size_t length)
         return; // the next record makes it a line of its own
 }
 
-// Somebody else has written last. If he was killed meanwhile, the piece of a record that he left is removed: his call
-// has never returned, so nobody counts on it. Whatever else has no end becomes a line of its own.
+// If the other one was killed meanwhile, the piece of a record that he left is removed: his call has never returned, so
+// nobody counts on it. Whatever else has no end becomes a line of its own.
 void CLogFile::EndLastLine(off_t size)
 {
     char bytes[kTailBytes];

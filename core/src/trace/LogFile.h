@@ -9,6 +9,8 @@
 
 #include <sys/stat.h>
 
+#include "trace/LogLock.h"
+
 namespace VelCore {
 
 /// Appends records to `<app.path.work>/log/<app.name>.log` of the root domain, follows those settings when they
@@ -18,6 +20,9 @@ namespace VelCore {
 /// process that is killed in the middle of an append leaves a piece of a line, since the system writes page by page;
 /// the next writer removes it. A process that is stopped there does not stop the others for long.
 ///
+/// A process that is alone with the file and busy takes the lock, and looks at what else has happened to the file, not
+/// for each record but every 200 microseconds; see CLogLease.
+///
 /// Errors:    a record that the file does not take goes to standard error, after one line that says why.
 /// Ownership: one for the process, never destroyed, because threads may still log while the process ends.
 /// Threads:   any. Forking is safe while no other thread logs.
@@ -26,14 +31,20 @@ class CLogFile
 public:
     static const std::int64_t s_RotateAt = 0xA00000; // bytes: 10 MiB
     static const int s_OldFiles = 5;
+    static const int s_LockAttempts = 10000; // about a second
 
     static CLogFile& Get();
 
-    /// Writes one record; it is in the file when the call returns.
+    /// Begins a record: everything ahead of its text. What is added has to be escaped, see RecordText.h.
     ///
     /// when   seconds since the epoch, shown in local time by the framework log's time-stamp format
     /// level  the level word
-    /// text   UTF-8, escaped here
+    static std::string Begin(std::time_t when, std::string_view level);
+
+    /// Writes a record that was begun like that; it is in the file when the call returns.
+    void Append(std::string record);
+
+    /// Both at once, for a text that is UTF-8 and not escaped.
     void Append(std::time_t when, std::string_view level, std::string_view text);
 
     /// Lets a crash write its records where this object writes, and in local time, also when nothing was logged before.
@@ -49,10 +60,10 @@ private:
     bool Open(std::string& reason);
     void Close();
     bool MakeFolder(std::string& reason);
+    bool WriteUnderLock(const std::string& line, std::string& reason);
     bool ReadyToWrite(std::string& reason);
-    void Lock() const;
-    void Unlock() const;
     bool Rotate();
+    void TakeOver();
     void EndLastLine(off_t size);
     bool ShiftOldFiles();
     void TakeBack(std::size_t length);
@@ -68,7 +79,9 @@ private:
     struct stat m_identity = {};          // of the log file: device and inode
     std::int64_t m_rotateAt = s_RotateAt; // moved on when a rotation fails
     off_t m_end = 0;                      // of the file after our last record
-    std::string m_lastReason;             // why the last record did not reach the file; empty: it did
+    bool m_isAlone = false;               // the file was as we left it when it was locked
+    CLogLease m_lease;
+    std::string m_lastReason; // why the last record did not reach the file; empty: it did
 };
 
 } // namespace VelCore

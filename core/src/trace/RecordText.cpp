@@ -12,9 +12,12 @@
 namespace VelCore {
 namespace {
 
-bool IsPlain(unsigned char byte)
+const std::size_t kUsualRecord = 256; // bytes
+
+template <typename Character>
+bool IsPlain(Character character)
 {
-    return byte >= 0x20 && byte < 0x7F;
+    return character >= 0x20 && character < 0x7F;
 }
 
 bool IsControl(std::uint32_t point)
@@ -48,22 +51,9 @@ bool IsRawByte(std::uint32_t point)
     return point >= 0xDC80 && point <= 0xDCFF;
 }
 
-} // namespace
-
-std::string EscapeControls(std::string_view text)
+void AppendDecoded(const wxString& text, std::string& out)
 {
-    std::string out;
-    out.reserve(text.size() + 16);
-
-    std::size_t plain = 0;
-    while (plain < text.size() && IsPlain(static_cast<unsigned char>(text[plain])))
-        ++plain;
-    out.append(text.substr(0, plain));
-    if (plain == text.size())
-        return out;
-
-    const wxString rest = FromUtf8(text.substr(plain));
-    for (const wchar_t character : rest.ToStdWstring()) {
+    for (const wchar_t character : text.ToStdWstring()) {
         const auto point = static_cast<std::uint32_t>(character);
         if (IsRawByte(point))
             AppendEscape(point & 0xFF, out);
@@ -74,16 +64,52 @@ std::string EscapeControls(std::string_view text)
         else
             out += ToUtf8(wxString(character));
     }
+}
+
+} // namespace
+
+std::string EscapeControls(std::string_view text)
+{
+    std::string out;
+    AppendEscaped(text, out);
     return out;
+}
+
+void AppendEscaped(std::string_view text, std::string& out)
+{
+    std::size_t plain = 0;
+    while (plain < text.size() && IsPlain(static_cast<unsigned char>(text[plain])))
+        ++plain;
+    out.append(text.substr(0, plain));
+    if (plain < text.size())
+        AppendDecoded(FromUtf8(text.substr(plain)), out);
+}
+
+void AppendEscaped(const wxString& text, std::string& out)
+{
+    const std::wstring& wide = text.ToStdWstring();
+    const std::size_t start = out.size();
+    out.resize(start + wide.size());
+    std::size_t plain = 0;
+    for (; plain < wide.size() && IsPlain(wide[plain]); ++plain)
+        out[start + plain] = static_cast<char>(wide[plain]);
+    out.resize(start + plain);
+    if (plain < wide.size())
+        AppendEscaped(std::string_view(ToUtf8(text.substr(plain))), out);
+}
+
+std::string RecordStart(std::string_view stamp, long pid, std::string_view level)
+{
+    std::string start;
+    start.reserve(kUsualRecord);
+    return start.append(stamp).append(" [").append(std::to_string(pid)).append("] ").append(level).append(": ");
 }
 
 std::string RecordLine(std::string_view stamp, long pid, std::string_view level, std::string_view text)
 {
-    std::string line;
-    line.reserve(stamp.size() + level.size() + text.size() + 32);
-    line.append(stamp).append(" [").append(std::to_string(pid)).append("] ");
-    line.append(level).append(": ").append(EscapeControls(text)).append("\n");
-    return line;
+    std::string line = RecordStart(stamp, pid, level);
+    AppendEscaped(text, line);
+    return line += '\n';
 }
 
 std::string LogFileStem(std::string_view applicationName)

@@ -5,11 +5,20 @@
 #include <string>
 #include <string_view>
 
+#include <wx/string.h>
+
 namespace VelCore {
 
 /// `text` without anything that could end the line, move a cursor or forge a record: control characters, the line
 /// and paragraph separators, and bytes that are not UTF-8 are shown as escapes (`\n`, `\r`, `\t`, `\x1b`, `\u2028`).
 std::string EscapeControls(std::string_view text);
+
+/// The same behind `out`, which saves a copy.
+void AppendEscaped(std::string_view text, std::string& out);
+void AppendEscaped(const wxString& text, std::string& out);
+
+/// What a record begins with, `<stamp> [<pid>] <level>: `, in a string with room for a text of ordinary length.
+std::string RecordStart(std::string_view stamp, long pid, std::string_view level);
 
 /// The line, with its line feed: `<stamp> [<pid>] <level>: <text>`. `text` is escaped here.
 std::string RecordLine(std::string_view stamp, long pid, std::string_view level, std::string_view text);

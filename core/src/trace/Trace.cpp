@@ -1,7 +1,7 @@
 // Which trace modules are on, and their records.
 //
-// Every thread keeps its own copy of the module list and renews it when the settings' generation has moved, so the
-// usual answer takes one atomic load and no lock.
+// Every thread keeps its own copy of the module list and renews it when the settings' generation has moved, so an
+// answer takes no lock. The first one that is asked after a change says in a filter which modules need not ask at all.
 //
 // Tested by: unit/core/trace/TraceTest.cpp.
 
@@ -10,23 +10,28 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
+#include <mutex>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
-#include <wx/datetime.h>
-
 #include <VelCore/Dom.h>
-#include <VelCore/Utf8.h>
 
 #include "trace/LogFile.h"
+#include "trace/RecordText.h"
 
 namespace VelCore {
 namespace {
+
+const std::uint64_t kAllBits = ~std::uint64_t{0};
 
 struct EnabledModules
 {
     std::uint64_t generation = 0;
     bool all = false;
+    std::uint64_t bits = 0; // of the names, in the filter
     std::vector<std::wstring> names;
 };
 
@@ -41,6 +46,7 @@ void AddModules(const wxString& list, EnabledModules& modules)
             const std::size_t last = text.find_last_not_of(L" \t", comma - 1);
             modules.names.push_back(text.substr(first, last - first + 1));
             modules.all = modules.all || modules.names.back() == L"*";
+            modules.bits |= modules.all ? kAllBits : TraceFilter::BitsOf(modules.names.back());
         }
         start = comma + 1;
     }
@@ -50,6 +56,7 @@ void Renew(EnabledModules& modules, std::uint64_t generation)
 {
     modules.generation = generation;
     modules.all = false;
+    modules.bits = 0;
     modules.names.clear();
     if (const CDom* root = CDom::Root()) {
         AddModules(root->GetWxString(L"app.trace"), modules);
@@ -57,15 +64,35 @@ void Renew(EnabledModules& modules, std::uint64_t generation)
     }
 }
 
+// Nobody may set the filter to what an older state of the lists held.
+std::mutex g_filterMutex;
+
+void SetFilter(const EnabledModules& modules)
+{
+    const std::lock_guard lock(g_filterMutex);
+    if (CDom::SettingsGeneration() == modules.generation)
+        TraceFilter::g_bits = modules.bits;
+}
+
 thread_local EnabledModules t_modules;
 
 } // namespace
 
-bool LogTraceIsEnabled(const wxString& module)
+std::atomic<std::uint64_t> TraceFilter::g_bits{kAllBits};
+
+void TraceFilter::Reset()
+{
+    const std::lock_guard lock(g_filterMutex);
+    g_bits = kAllBits;
+}
+
+bool TraceListsHold(const wxString& module)
 {
     const std::uint64_t generation = CDom::SettingsGeneration();
     if (t_modules.generation != generation)
         Renew(t_modules, generation);
+    if (TraceFilter::g_bits != t_modules.bits)
+        SetFilter(t_modules);
     if (t_modules.all)
         return true;
     const std::wstring& name = module.ToStdWstring();
@@ -77,10 +104,15 @@ void LogTrace(const wxString& module, const char* file, int line, const char* fu
     if (!LogTraceIsEnabled(module))
         return;
     const char* slash = std::strrchr(file, '/');
-    std::string text = ToUtf8(module);
-    text.append(": ").append(function).append(" (").append(slash ? slash + 1 : file).append(":");
-    text.append(std::to_string(line)).append("): ").append(ToUtf8(message));
-    CLogFile::Get().Append(wxDateTime::GetTimeNow(), "Trace", text);
+    std::string record = CLogFile::Begin(std::time(nullptr), "Trace");
+    AppendEscaped(module, record);
+    record += ": ";
+    AppendEscaped(std::string_view(function), record);
+    record += " (";
+    AppendEscaped(std::string_view(slash ? slash + 1 : file), record);
+    record.append(":").append(std::to_string(line)).append("): ");
+    AppendEscaped(message, record);
+    CLogFile::Get().Append(std::move(record));
 }
 
 } // namespace VelCore

@@ -1,6 +1,7 @@
 #include "trace/LogFile.h"
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <ctime>
 #include <map>
@@ -512,6 +513,127 @@ TEST_F(LogFile, TwoProcessesLoseNoRecordThroughRotations)
     EXPECT_EQ(2u * count, seen.size());
     EXPECT_TRUE(std::all_of(seen.begin(), seen.end(), [](const auto& entry) { return entry.second == 1; }));
     EXPECT_EQ(0u, seen.count("")) << "a line that is no record";
+}
+
+// What a process may do without looking at the file again, once it has been alone with it for a second.
+
+// Appends records until that is so, and some at once, as only a busy process has something to gain. Returns how many.
+int AppendAloneForAWhile()
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1100);
+    int count = 0;
+    while (std::chrono::steady_clock::now() < end) {
+        Append("alone " + std::to_string(count++));
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    for (int i = 0; i < 100; ++i)
+        Append("alone " + std::to_string(count++));
+    return count;
+}
+
+// The records of the log and its old files, the oldest first.
+Texts AllLogged(const std::string& log)
+{
+    Texts all;
+    for (int old = CLogFile::s_OldFiles; old >= 0; --old) {
+        const Texts texts = TextsOf(ReadFile(log + (old == 0 ? std::string() : "." + std::to_string(old))));
+        all.insert(all.end(), texts.begin(), texts.end());
+    }
+    return all;
+}
+
+void WaitForTheNextLook()
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+TEST_F(LogFile, RecordsOfAProcessThatIsAloneAreAllThereThroughRotations)
+{
+    const int alone = AppendAloneForAWhile();
+    const int count = 25000; // of 1 KB each: two rotations
+    AppendMany("then", count);
+    Texts all = AllLogged(Log());
+    ASSERT_EQ(static_cast<std::size_t>(alone + count), all.size());
+    ExpectAll(Texts(all.begin() + alone, all.end()), 1, count);
+    EXPECT_LT(kLimit - 2000, SizeOf(Log(1)));
+    EXPECT_GT(kLimit + 2000, SizeOf(Log(1)));
+}
+
+TEST_F(LogFile, AProcessThatWasAloneNoticesThatTheFileIsGone)
+{
+    AppendAloneForAWhile();
+    ASSERT_EQ(0, unlink(Log().c_str()));
+    WaitForTheNextLook();
+    Append("after");
+    EXPECT_EQ(Texts{"after"}, Logged());
+}
+
+TEST_F(LogFile, AProcessThatWasAloneNoticesThatTheFileIsFull)
+{
+    AppendAloneForAWhile();
+    Fill();
+    WaitForTheNextLook();
+    Append("after");
+    EXPECT_EQ(kLimit, SizeOf(Log(1)));
+    EXPECT_EQ(Texts{"after"}, Logged());
+}
+
+TEST_F(LogFile, AProcessThatWasAloneFollowsTheSettingsFromTheNextRecord)
+{
+    AppendAloneForAWhile();
+    m_root->Set("app.name", "other");
+    Append("after");
+    EXPECT_EQ(Texts{"after"}, TextsOf(ReadFile(Work() + "/log/other.log")));
+}
+
+TEST_F(LogFile, AProcessThatWasAloneRemovesThePieceThatAnotherOneLeft)
+{
+    AppendAloneForAWhile();
+    const std::size_t before = ReadFile(Log()).size();
+    std::string content = "2026-11-20 12:34:56 [1] Message: ";
+    content.append(4096 - (before + content.size()) % 4096, 'x');
+    const int file = open(Log().c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    ASSERT_EQ(static_cast<ssize_t>(content.size()), write(file, content.data(), content.size()));
+    close(file);
+    WaitForTheNextLook();
+    Append("after");
+    const std::string logged = ReadFile(Log());
+    EXPECT_EQ(std::string::npos, logged.find("xxx"));
+    EXPECT_EQ("after", TextsOf(logged).back());
+}
+
+TEST_F(LogFile, AnotherProcessMayJoinOneThatIsAlone)
+{
+    const int alone = AppendAloneForAWhile();
+    const pid_t child = fork();
+    if (child == 0) {
+        AppendMany("child", 2000);
+        _exit(0);
+    }
+    AppendMany("parent", 2000);
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+
+    std::map<std::string, int> seen;
+    for (const std::string& text : AllLogged(Log()))
+        ++seen[text];
+    EXPECT_EQ(static_cast<std::size_t>(alone + 4000), seen.size());
+    EXPECT_TRUE(std::all_of(seen.begin(), seen.end(), [](const auto& entry) { return entry.second == 1; }));
+    EXPECT_EQ(0u, seen.count("")) << "a line that is no record";
+}
+
+TEST_F(LogFile, ThreadsOfAProcessThatIsAloneLoseAndMixNothing)
+{
+    const int alone = AppendAloneForAWhile();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([i] { AppendMany("thread" + std::to_string(i), 2000); });
+    for (std::thread& thread : threads)
+        thread.join();
+    Texts all = AllLogged(Log());
+    ASSERT_EQ(static_cast<std::size_t>(alone + 8000), all.size());
+    ExpectAll(Texts(all.begin() + alone, all.end()), 4, 2000);
 }
 
 // A terminal in place of standard error. Only for processes that have logged nothing yet.

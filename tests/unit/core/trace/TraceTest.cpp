@@ -91,6 +91,44 @@ TEST_F(Trace, AChangeCountsFromTheNextCall)
     EXPECT_FALSE(LogTraceIsEnabled(L"Appl"));
 }
 
+TEST_F(Trace, EveryListedNameIsOnAndNoOther)
+{
+    std::string list;
+    for (int i = 0; i < 100; i += 2)
+        list += "module." + std::to_string(i) + ",";
+    m_root->Set("app.trace", list);
+    for (int round = 0; round < 2; ++round) { // the second one is asked when the lists are known
+        for (int i = 0; i < 100; ++i)
+            EXPECT_EQ(i % 2 == 0, LogTraceIsEnabled("module." + std::to_string(i))) << i;
+    }
+}
+
+TEST_F(Trace, AChangeByAnotherThreadCountsAsSoonAsItIsMade)
+{
+    const wxString module(L"Appl");
+    std::atomic<int> made{0};
+    std::atomic<int> seen{0};
+    std::atomic<int> wrong{0};
+    const int changes = 20000;
+    std::thread asker([&] {
+        for (int change = 1; change <= changes; ++change) {
+            while (made != change) {
+                LogTraceIsEnabled(module); // and races with the change
+            }
+            wrong += LogTraceIsEnabled(module) == (change % 2 == 1) ? 0 : 1;
+            seen = change;
+        }
+    });
+    for (int change = 1; change <= changes; ++change) {
+        m_root->Set("app.trace", change % 2 == 1 ? "Appl" : "Cmd");
+        made = change;
+        while (seen != change)
+            std::this_thread::yield();
+    }
+    asker.join();
+    EXPECT_EQ(0, wrong);
+}
+
 TEST_F(Trace, AChangeCountsInThreadsThatHaveAskedBefore)
 {
     std::atomic<int> step{0};

@@ -1,0 +1,118 @@
+// The lock of a log file, and the lease that makes it unnecessary for a while.
+//
+// Both are locks of the system on bytes far behind the end of the file, so they go with the process however it ends.
+//
+// Tested by: unit/core/trace/{LogFileTest,LogFileStressTest}.cpp.
+
+#include "trace/LogLock.h"
+
+#include <cerrno>
+#include <ctime>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "process/OwnPid.h"
+
+namespace VelCore {
+namespace {
+
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// Where the lease's byte is; the lock is all before it.
+const off_t kLeaseAt = off_t{1} << 62;
+
+const long kLockPauseNs = 100000;
+
+// One second of solitude, so that processes that write by turns never wait for a lease.
+const auto kSolitude = seconds(1);
+
+// A process that writes less often gains nothing.
+const auto kBusy = milliseconds(1);
+
+const auto kLease = microseconds(200);
+
+// The lease, and what its holder can be late with a record that he has begun to write.
+const struct timespec kOthersLease = {0, 1000000};
+
+struct flock Bytes(short type, off_t start, off_t length)
+{
+    struct flock bytes = {};
+    bytes.l_type = type;
+    bytes.l_whence = SEEK_SET;
+    bytes.l_start = start;
+    bytes.l_len = length;
+    return bytes;
+}
+
+bool Apply(int file, struct flock bytes)
+{
+    return fcntl(file, F_SETLK, &bytes) == 0;
+}
+
+} // namespace
+
+// Where there are no locks a record is worth more than its order.
+void LockLog(int file, int attempts)
+{
+    const struct timespec pause = {0, kLockPauseNs};
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        if (Apply(file, Bytes(F_WRLCK, 0, kLeaseAt)) || (errno != EACCES && errno != EAGAIN && errno != EINTR))
+            return;
+        nanosleep(&pause, nullptr);
+    }
+}
+
+void UnlockLog(int file)
+{
+    Apply(file, Bytes(F_UNLCK, 0, kLeaseAt));
+}
+
+bool CLogLease::IsValid() const
+{
+    return m_isHeld && m_process == OwnPid() && Clock::now() < m_until;
+}
+
+void CLogLease::Look(int file, bool isAlone)
+{
+    const Clock::time_point now = Clock::now();
+    if (m_process != OwnPid()) {
+        StartAnew();
+        m_process = OwnPid();
+    }
+    if (!isAlone)
+        m_aloneSince = now;
+    const bool isBusy = now - m_lastLook < kBusy;
+    m_lastLook = now;
+    // It is taken anew each time: whoever in this process closes another descriptor of the file has dropped it.
+    if (isBusy && now - m_aloneSince >= kSolitude && Apply(file, Bytes(F_WRLCK, kLeaseAt, 1))) {
+        m_isHeld = true;
+        m_until = now + kLease;
+    } else {
+        GiveUp(file);
+    }
+}
+
+void CLogLease::GiveUp(int file)
+{
+    if (m_isHeld)
+        Apply(file, Bytes(F_UNLCK, kLeaseAt, 1));
+    m_isHeld = false;
+}
+
+void CLogLease::AwaitOthers(int file)
+{
+    struct flock bytes = Bytes(F_WRLCK, kLeaseAt, 1);
+    if (fcntl(file, F_GETLK, &bytes) == 0 && bytes.l_type != F_UNLCK)
+        nanosleep(&kOthersLease, nullptr);
+}
+
+void CLogLease::StartAnew()
+{
+    m_isHeld = false;
+    m_aloneSince = Clock::now();
+}
+
+} // namespace VelCore

@@ -1,0 +1,57 @@
+// LogLock.h: whose turn it is among the processes that share a log file.
+#pragma once
+
+#include <chrono>
+
+#include <sys/types.h>
+
+namespace VelCore {
+
+/// Locks the file against the other processes that append to it. Whoever was stopped while he held the lock does not
+/// stop the others for long: after about `attempts` times a tenth of a millisecond this returns all the same.
+void LockLog(int file, int attempts);
+
+void UnlockLog(int file);
+
+/// The right of one process to append without locking, and so without asking the system about anything else.
+///
+/// A process that has been the only writer for a while and is busy writing takes it with one of its records, which it
+/// writes under the lock, for the records of the next moment. Another process that comes to write sees that somebody
+/// has this right, and takes its turn, with the file locked, no sooner than the right has run out. The next record
+/// that comes behind that moment is written under the lock again, so its writer notices the other one.
+///
+/// Threads: one at a time. A forked child has not the right of its parent.
+class CLogLease
+{
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /// Whether records may be appended now as they come.
+    bool IsValid() const;
+
+    /// Call it with each record that is written under the lock, before that is released. Takes the right, renews it or
+    /// gives it up.
+    ///
+    /// isAlone  whether the file is as this process left it
+    void Look(int file, bool isAlone);
+
+    /// Waits, with the file locked, until no other process can have the right.
+    static void AwaitOthers(int file);
+
+    /// The file was closed, and with that the right is gone. It is taken soon again if the next file is new.
+    void Drop() { m_isHeld = false; }
+
+    /// Nothing is known about the next file.
+    void StartAnew();
+
+private:
+    void GiveUp(int file);
+
+    pid_t m_process = 0;         // that the rest is about
+    bool m_isHeld = false;       // others see that this process may have the right
+    Clock::time_point m_until{}; // may append until then
+    Clock::time_point m_aloneSince{};
+    Clock::time_point m_lastLook{};
+};
+
+} // namespace VelCore
