@@ -26,9 +26,9 @@ const char* LevelWord(wxLogLevel level)
 
 void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo& info)
 {
-    std::string record = CLogFile::Begin(info.timestamp, LevelWord(level));
+    std::string& record = CLogFile::Begin(info.timestamp, LevelWord(level));
     AppendEscaped(message, record);
-    CLogFile::Get().Append(std::move(record));
+    CLogFile::Get().Append(record);
 }
 
 CTerminalQuiet::CTerminalQuiet()

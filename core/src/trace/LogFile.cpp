@@ -42,23 +42,29 @@ bool StandardErrorIsTerminal()
     return b_IsTerminal;
 }
 
-// Local time in the framework's format. A burst of records shares the second, so the text is kept per thread.
-const std::string& Stamp(std::time_t when)
+// A longer record gives its memory back.
+const std::size_t kKeptBytes = 16384;
+
+// "<stamp> [<pid>] ", in local time and the framework's format. A burst of records shares the second, so the text is
+// kept per thread.
+const std::string& RecordHead(std::time_t when)
 {
     thread_local std::time_t t_when = -1;
-    thread_local std::string t_stamp;
-    if (when != t_when) {
+    thread_local pid_t t_process = 0;
+    thread_local std::string t_head;
+    if (when != t_when || t_process != OwnPid()) {
         std::tm local{};
         localtime_r(&when, &local);
         char text[128];
         const std::size_t length = std::strftime(text, sizeof text, ToUtf8(wxLog::GetTimestamp()).c_str(), &local);
-        t_stamp.assign(text, length);
+        t_process = OwnPid();
+        t_head = std::string(text, length) + " [" + std::to_string(t_process) + "] ";
         SetCrashUtcOffset(SecondsOf({local.tm_year + 1900L, local.tm_mon + 1, local.tm_mday, local.tm_hour,
                                      local.tm_min, local.tm_sec}) -
                           when);
         t_when = when;
     }
-    return t_stamp;
+    return t_head;
 }
 
 bool IsSame(const struct stat& one, const struct stat& other)
@@ -87,24 +93,27 @@ void CLogFile::QuietTerminal(bool quiet)
 
 void CLogFile::TellCrashHandler()
 {
-    Stamp(std::time(nullptr));
+    RecordHead(std::time(nullptr));
     const std::lock_guard lock(m_mutex);
     FollowSettings();
 }
 
-std::string CLogFile::Begin(std::time_t when, std::string_view level)
+std::string& CLogFile::Begin(std::time_t when, std::string_view level)
 {
-    return RecordStart(Stamp(when), static_cast<long>(OwnPid()), level);
+    thread_local std::string t_record;
+    if (t_record.capacity() > kKeptBytes)
+        t_record = std::string();
+    return t_record.assign(RecordHead(when)).append(level).append(": ");
 }
 
 void CLogFile::Append(std::time_t when, std::string_view level, std::string_view text)
 {
-    std::string record = Begin(when, level);
+    std::string& record = Begin(when, level);
     AppendEscaped(text, record);
-    Append(std::move(record));
+    Append(record);
 }
 
-void CLogFile::Append(std::string record)
+void CLogFile::Append(std::string& record)
 {
     record += '\n';
 

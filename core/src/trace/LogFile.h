@@ -35,14 +35,15 @@ public:
 
     static CLogFile& Get();
 
-    /// Begins a record: everything ahead of its text. What is added has to be escaped, see RecordText.h.
+    /// Begins a record of the calling thread: everything ahead of its text. What is added has to be escaped, see
+    /// RecordText.h.
     ///
     /// when   seconds since the epoch, shown in local time by the framework log's time-stamp format
     /// level  the level word
-    static std::string Begin(std::time_t when, std::string_view level);
+    static std::string& Begin(std::time_t when, std::string_view level);
 
-    /// Writes a record that was begun like that; it is in the file when the call returns.
-    void Append(std::string record);
+    /// Ends a record that was begun like that and writes it; it is in the file when the call returns.
+    void Append(std::string& record);
 
     /// Both at once, for a text that is UTF-8 and not escaped.
     void Append(std::time_t when, std::string_view level, std::string_view text);

@@ -12,7 +12,7 @@
 namespace VelCore {
 namespace {
 
-const std::size_t kUsualRecord = 256; // bytes
+const std::size_t kPieceBytes = 256;
 
 template <typename Character>
 bool IsPlain(Character character)
@@ -88,28 +88,16 @@ void AppendEscaped(std::string_view text, std::string& out)
 void AppendEscaped(const wxString& text, std::string& out)
 {
     const std::wstring& wide = text.ToStdWstring();
-    const std::size_t start = out.size();
-    out.resize(start + wide.size());
-    std::size_t plain = 0;
-    for (; plain < wide.size() && IsPlain(wide[plain]); ++plain)
-        out[start + plain] = static_cast<char>(wide[plain]);
-    out.resize(start + plain);
-    if (plain < wide.size())
-        AppendEscaped(std::string_view(ToUtf8(text.substr(plain))), out);
-}
-
-std::string RecordStart(std::string_view stamp, long pid, std::string_view level)
-{
-    std::string start;
-    start.reserve(kUsualRecord);
-    return start.append(stamp).append(" [").append(std::to_string(pid)).append("] ").append(level).append(": ");
-}
-
-std::string RecordLine(std::string_view stamp, long pid, std::string_view level, std::string_view text)
-{
-    std::string line = RecordStart(stamp, pid, level);
-    AppendEscaped(text, line);
-    return line += '\n';
+    std::size_t at = 0;
+    while (at < wide.size() && IsPlain(wide[at])) {
+        char bytes[kPieceBytes];
+        std::size_t length = 0;
+        while (length < kPieceBytes && at < wide.size() && IsPlain(wide[at]))
+            bytes[length++] = static_cast<char>(wide[at++]);
+        out.append(bytes, length);
+    }
+    if (at < wide.size())
+        AppendEscaped(std::string_view(ToUtf8(text.substr(at))), out);
 }
 
 std::string LogFileStem(std::string_view applicationName)

@@ -1,7 +1,6 @@
 // RecordText.h: one log record as one line.
 #pragma once
 
-#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -16,12 +15,6 @@ std::string EscapeControls(std::string_view text);
 /// The same behind `out`, which saves a copy.
 void AppendEscaped(std::string_view text, std::string& out);
 void AppendEscaped(const wxString& text, std::string& out);
-
-/// What a record begins with, `<stamp> [<pid>] <level>: `, in a string with room for a text of ordinary length.
-std::string RecordStart(std::string_view stamp, long pid, std::string_view level);
-
-/// The line, with its line feed: `<stamp> [<pid>] <level>: <text>`. `text` is escaped here.
-std::string RecordLine(std::string_view stamp, long pid, std::string_view level, std::string_view text);
 
 /// A file name made of an application name: "/" and control characters become "_".
 std::string LogFileStem(std::string_view applicationName);

@@ -14,7 +14,6 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include <VelCore/Dom.h>
@@ -104,7 +103,7 @@ void LogTrace(const wxString& module, const char* file, int line, const char* fu
     if (!LogTraceIsEnabled(module))
         return;
     const char* slash = std::strrchr(file, '/');
-    std::string record = CLogFile::Begin(std::time(nullptr), "Trace");
+    std::string& record = CLogFile::Begin(std::time(nullptr), "Trace");
     AppendEscaped(module, record);
     record += ": ";
     AppendEscaped(std::string_view(function), record);
@@ -112,7 +111,7 @@ void LogTrace(const wxString& module, const char* file, int line, const char* fu
     AppendEscaped(std::string_view(slash ? slash + 1 : file), record);
     record.append(":").append(std::to_string(line)).append("): ");
     AppendEscaped(message, record);
-    CLogFile::Get().Append(std::move(record));
+    CLogFile::Get().Append(record);
 }
 
 } // namespace VelCore

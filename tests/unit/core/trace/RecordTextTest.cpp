@@ -4,9 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <VelCore/Utf8.h>
+
+using VelCore::AppendEscaped;
 using VelCore::EscapeControls;
+using VelCore::FromUtf8;
 using VelCore::LogFileStem;
-using VelCore::RecordLine;
 
 namespace {
 
@@ -62,16 +65,21 @@ TEST(RecordText, NothingThatEndsALineOrIsNoTextGetsThrough)
     }
 }
 
-TEST(RecordText, RecordIsStampProcessLevelAndText)
-{
-    EXPECT_EQ("2026-11-20 12:34:56 [4711] Warning: text\n", RecordLine("2026-11-20 12:34:56", 4711, "Warning", "text"));
-    EXPECT_EQ("s [1] Error: \n", RecordLine("s", 1, "Error", ""));
-}
-
 TEST(RecordText, TextCannotForgeARecord)
 {
-    EXPECT_EQ("s [1] Error: a\\n2026-11-20 12:34:56 [1] Message: b\n",
-              RecordLine("s", 1, "Error", "a\n2026-11-20 12:34:56 [1] Message: b"));
+    EXPECT_EQ("a\\n2026-11-20 12:34:56 [1] Message: b", EscapeControls("a\n2026-11-20 12:34:56 [1] Message: b"));
+}
+
+TEST(RecordText, TheFrameworksTextIsShownLikeTheBytesThatItStandsFor)
+{
+    for (const std::string special : {"", "\n", "\xC3\xA9", "\xE9", "\xE2\x80\xA8", "\x7f"}) {
+        for (const std::size_t plain : {0, 1, 255, 256, 257, 512, 1000}) {
+            const std::string text = std::string(plain, 'x') + special + "behind";
+            std::string out = "before ";
+            AppendEscaped(FromUtf8(text), out);
+            EXPECT_EQ("before " + EscapeControls(text), out) << plain;
+        }
+    }
 }
 
 TEST(RecordText, FileNameKeepsTheApplicationNameOutOfOtherFolders)
