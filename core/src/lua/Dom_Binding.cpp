@@ -101,8 +101,10 @@ private:
 bool PushLongValue(lua_State* L, const CDom& dom, std::string_view key)
 {
     auto& value = VelCore::PushOwned<CDomValue>(L, "vel.dom.value");
-    if (!dom.Read(key, value))
+    if (!dom.Read(key, value)) {
+        lua_pop(L, 1);
         return false;
+    }
     std::visit(PushValue{L}, value);
     return true;
 }
@@ -124,9 +126,8 @@ int Get(lua_State* L)
 {
     const CDom& dom = SLB3::Self<CDom>(L, "Get");
     const std::string_view key = CheckKeyView(L, "Get");
-    lua_settop(L, 3);
     if (!PushStored(L, dom, key))
-        lua_pushvalue(L, 3); // the default, or nil
+        lua_settop(L, 3); // the default, or nil
     return 1;
 }
 
