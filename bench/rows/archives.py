@@ -74,7 +74,7 @@ def unpackers(rig, path):
 
 def measure_small(rig):
     path = archive(rig, "small", small_entries(rig.pick(2000, 20000)))
-    return {"unpack.small": in_turn(unpackers(rig, path), rig.pick(5, 9))}
+    return {"unpack.small": in_turn(unpackers(rig, path), rig.pick(3, 5))}
 
 
 def measure_large(rig):
@@ -82,7 +82,7 @@ def measure_large(rig):
     count = rig.pick(1, 10)
     text = pack(plain_text(random, MEGABYTE), 30)
     noise = pack(random.randbytes(MEGABYTE), 30, zipfile.ZIP_STORED)  # what cannot be made smaller is kept as it is
-    rounds = rig.pick(3, 5)
+    rounds = rig.pick(1, 3)
     return {
         "unpack.text": in_turn(unpackers(rig, archive(rig, "text", large_entries(text, count))), rounds),
         "unpack.random": in_turn(unpackers(rig, archive(rig, "random", large_entries(noise, count))), rounds),
@@ -99,7 +99,7 @@ def measure_memory(rig):
     text = plain_text(seeded(), MEGABYTE)
     short = archive(rig, "short", large_entries(pack(text, 30), 1))
     long = archive(rig, "long", large_entries(pack(text, rig.pick(60, 300)), 1))
-    rounds = 3
+    rounds = rig.pick(1, 3)
     return {
         "unpack.memory.entries": in_turn({"agent": lambda: peak(rig, many), "2,000 entries": lambda: peak(rig, few)},
                                          rounds),
@@ -146,7 +146,7 @@ def measure_removal(rig):
         folder = listed_files(rig, listed)
         return gone(folder, inside(0, rig.program("RemoveWalk"), marker, folder))
 
-    return {"remove": in_turn({"agent": agent, "floor": floor, "wxRemoveFile": walk}, rig.pick(5, 9))}
+    return {"remove": in_turn({"agent": agent, "floor": floor, "wxRemoveFile": walk}, rig.pick(3, 5))}
 
 
 GROUPS = [

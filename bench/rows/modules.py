@@ -31,9 +31,10 @@ class Modules:
 
     def __init__(self, folder, count):
         random = seeded()
+        texts = [lua_module(random, LENGTH) for _ in range(FEW)]
         self.folder = folder
         self.count = count
-        self.texts = {f"plugin{number * ARCHIVES // count}.module{number}": lua_module(random, LENGTH)
+        self.texts = {f"plugin{number * ARCHIVES // count}.module{number}": texts[number % FEW]
                       for number in range(count)}
         shuffled = list(self.texts)
         random.shuffle(shuffled)
@@ -41,7 +42,8 @@ class Modules:
         self.names.write_text("".join(f"{name}\n" for name in shuffled), encoding="ascii")
 
     def entries(self):
-        return [(name.replace(".", "/") + ".lua", pack(text)) for name, text in self.texts.items()]
+        packed = {text: pack(text) for text in set(self.texts.values())}
+        return [(name.replace(".", "/") + ".lua", packed[text]) for name, text in self.texts.items()]
 
     def in_archives(self, count):
         """The text of a search list of so many archives, which are written."""
@@ -84,7 +86,7 @@ def measure_require(rig):
     files = modules.as_files()
     plain = {"lua5.2": lambda: microseconds(modules.count, "lua5.2", rig.scratch / "plain.lua", files, modules.names)}
     (rig.scratch / "plain.lua").write_text(PLAIN_FILES, encoding="ascii")
-    rounds = rig.pick(5, 7)
+    rounds = rig.pick(3, 7)
     return {
         "require.one": in_turn(requires(rig, modules, modules.in_archives(1)) | plain, rounds),
         "require.many": in_turn(requires(rig, modules, modules.in_archives(ARCHIVES)) | plain, rounds),
@@ -101,7 +103,7 @@ def measure_growth(rig):
         f"agent at {FEW}": at_few["agent"],
         "floor": at_many["floor"],
         f"floor at {FEW}": at_few["floor"],
-    }, rig.pick(3, 5))}
+    }, rig.pick(1, 3))}
 
 
 GROUPS = [
