@@ -6,6 +6,7 @@ shown and is no failure: it may be the machine.
 """
 
 import argparse
+import signal
 import subprocess
 import sys
 from pathlib import Path
@@ -50,6 +51,7 @@ def main():
             for row in group.rows:
                 print(f"{row.name:24} {row.title}")
         return 0
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # what was started and written goes with it
     results = []
     failures = []
     rig = Rig(options.build, options.quick)
