@@ -21,7 +21,7 @@ namespace VelCore {
 /// the next writer removes it. A process that is stopped there does not stop the others for long.
 ///
 /// A process that is alone with the file and busy takes the lock, and looks at what else has happened to the file, not
-/// for each record but every 200 microseconds; see CLogLease.
+/// for each record but every half millisecond; see CLogLease.
 ///
 /// Errors:    a record that the file does not take goes to standard error, after one line that says why.
 /// Ownership: one for the process, never destroyed, because threads may still log while the process ends.

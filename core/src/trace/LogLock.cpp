@@ -32,10 +32,10 @@ const auto kSolitude = seconds(1);
 // A process that writes less often gains nothing.
 const auto kBusy = milliseconds(1);
 
-const auto kLease = microseconds(200);
+const auto kLease = microseconds(500);
 
 // The lease, and what its holder can be late with a record that he has begun to write.
-const struct timespec kOthersLease = {0, 1000000};
+const struct timespec kOthersLease = {0, 2000000};
 
 struct flock Bytes(short type, off_t start, off_t length)
 {

@@ -12,12 +12,27 @@
 namespace VelCore {
 namespace {
 
-const std::size_t kPieceBytes = 256;
-
 template <typename Character>
 bool IsPlain(Character character)
 {
     return character >= 0x20 && character < 0x7F;
+}
+
+// How many characters at the front of a text stand as they are. A block at a time, because most texts are plain.
+template <typename Character>
+std::size_t PlainLength(const Character* text, std::size_t size)
+{
+    const std::size_t block = 16;
+    std::size_t length = 0;
+    for (bool isPlain = true; length + block <= size; length += block) {
+        for (std::size_t i = 0; i < block; ++i)
+            isPlain &= IsPlain(text[length + i]);
+        if (!isPlain)
+            break;
+    }
+    while (length < size && IsPlain(text[length]))
+        ++length;
+    return length;
 }
 
 bool IsControl(std::uint32_t point)
@@ -77,9 +92,7 @@ std::string EscapeControls(std::string_view text)
 
 void AppendEscaped(std::string_view text, std::string& out)
 {
-    std::size_t plain = 0;
-    while (plain < text.size() && IsPlain(static_cast<unsigned char>(text[plain])))
-        ++plain;
+    const std::size_t plain = PlainLength(text.data(), text.size());
     out.append(text.substr(0, plain));
     if (plain < text.size())
         AppendDecoded(FromUtf8(text.substr(plain)), out);
@@ -88,16 +101,13 @@ void AppendEscaped(std::string_view text, std::string& out)
 void AppendEscaped(const wxString& text, std::string& out)
 {
     const std::wstring& wide = text.ToStdWstring();
-    std::size_t at = 0;
-    while (at < wide.size() && IsPlain(wide[at])) {
-        char bytes[kPieceBytes];
-        std::size_t length = 0;
-        while (length < kPieceBytes && at < wide.size() && IsPlain(wide[at]))
-            bytes[length++] = static_cast<char>(wide[at++]);
-        out.append(bytes, length);
-    }
-    if (at < wide.size())
-        AppendEscaped(std::string_view(ToUtf8(text.substr(at))), out);
+    const std::size_t plain = PlainLength(wide.data(), wide.size());
+    const std::size_t start = out.size();
+    out.resize(start + plain);
+    for (std::size_t i = 0; i < plain; ++i)
+        out[start + i] = static_cast<char>(wide[i]);
+    if (plain < wide.size())
+        AppendEscaped(std::string_view(ToUtf8(text.substr(plain))), out);
 }
 
 std::string LogFileStem(std::string_view applicationName)

@@ -544,7 +544,7 @@ Texts AllLogged(const std::string& log)
 
 void WaitForTheNextLook()
 {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
 }
 
 TEST_F(LogFile, RecordsOfAProcessThatIsAloneAreAllThereThroughRotations)
