@@ -30,6 +30,9 @@ namespace {
 
 thread_local int t_quiet = 0;
 
+const mode_t kFolderMode = 0700;
+const mode_t kFileMode = 0600;
+
 // How far back the beginning of a broken record is looked for.
 const std::size_t kTailBytes = 65536;
 
@@ -76,6 +79,15 @@ std::string SystemReason(const char* what, const std::string& path)
 {
     const int error = errno;
     return std::string(what) + " '" + path + "': " + std::strerror(error);
+}
+
+// What stood there before may be open to others; that much is taken away, and nothing is given. What belongs to another
+// user is left as it is.
+void CloseToOthers(int descriptor, const struct stat& status, mode_t mode)
+{
+    const mode_t permissions = status.st_mode & 07777;
+    if (status.st_uid == geteuid() && (permissions & ~mode) != 0)
+        fchmod(descriptor, permissions & mode);
 }
 
 } // namespace
@@ -201,7 +213,7 @@ void CLogFile::TakeOver()
 bool CLogFile::MakeFolder(std::string& reason)
 {
     const std::string path = m_work + "/log";
-    if (!MakeFolders(path, 0700)) {
+    if (!MakeFolders(path, kFolderMode)) {
         reason = SystemReason("cannot create log folder", path);
         return false;
     }
@@ -210,6 +222,9 @@ bool CLogFile::MakeFolder(std::string& reason)
         reason = SystemReason("cannot open log folder", path);
         return false;
     }
+    struct stat status = {};
+    if (fstat(m_folder, &status) == 0)
+        CloseToOthers(m_folder, status, kFolderMode);
     return true;
 }
 
@@ -224,9 +239,9 @@ bool CLogFile::Open(std::string& reason)
     const int flags = O_RDWR | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     m_file = openat(m_folder, m_fileName.c_str(), flags);
     if (m_file < 0 && errno == ENOENT) {
-        m_file = openat(m_folder, m_fileName.c_str(), flags | O_CREAT, 0600);
+        m_file = openat(m_folder, m_fileName.c_str(), flags | O_CREAT, kFileMode);
         if (m_file >= 0)
-            fchmod(m_file, 0600); // whatever the umask
+            fchmod(m_file, kFileMode); // whatever the umask
     }
     if (m_file < 0 || fstat(m_file, &m_identity) != 0) {
         reason = SystemReason("cannot open log file", path);
@@ -235,6 +250,7 @@ bool CLogFile::Open(std::string& reason)
     } else if (m_identity.st_uid != geteuid()) {
         reason = "cannot use log file '" + path + "': it belongs to another user";
     } else {
+        CloseToOthers(m_file, m_identity, kFileMode);
         return true;
     }
     Close();

@@ -134,6 +134,49 @@ TEST_F(LogFile, FolderAndFileAreForTheOwnerOnlyWhateverTheMask)
     }
 }
 
+TEST_F(LogFile, WhatWasOpenToOthersBeforeIsClosedToThem)
+{
+    m_folder.Write("work/log/unit.log", "");
+    ASSERT_EQ(0, chmod((Work() + "/log").c_str(), 03775));
+    ASSERT_EQ(0, chmod(Log().c_str(), 04664));
+    Append("one");
+    EXPECT_EQ(0700u, ModeOf(Work() + "/log"));
+    EXPECT_EQ(0600u, ModeOf(Log()));
+    EXPECT_EQ(Texts{"one"}, Logged());
+}
+
+TEST_F(LogFile, RightsThatTheOwnerLacksAreNotGiven)
+{
+    m_folder.Write("work/log/unit.log", "");
+    ASSERT_EQ(0, chmod((Work() + "/log").c_str(), 0555));
+    Append("one");
+    EXPECT_EQ(0500u, ModeOf(Work() + "/log"));
+    EXPECT_EQ(Texts{"one"}, Logged());
+    chmod((Work() + "/log").c_str(), 0700);
+}
+
+TEST_F(LogFile, AnotherUsersFolderKeepsItsRights)
+{
+    if (geteuid() != 0)
+        return; // only root can give a folder away
+    m_folder.MakeFolder("work/log");
+    ASSERT_EQ(0, chmod((Work() + "/log").c_str(), 0755));
+    ASSERT_EQ(0, chown((Work() + "/log").c_str(), 65534, 65534));
+    Append("one");
+    EXPECT_EQ(0755u, ModeOf(Work() + "/log"));
+    EXPECT_EQ(Texts{"one"}, Logged());
+}
+
+TEST_F(LogFile, TheTargetOfALinkInItsPlaceKeepsItsRights)
+{
+    const std::string target = m_folder.Write("target", "");
+    ASSERT_EQ(0, chmod(target.c_str(), 0644));
+    m_folder.MakeFolder("work/log");
+    ASSERT_EQ(0, symlink(target.c_str(), Log().c_str()));
+    ExpectRefused("cannot open log file");
+    EXPECT_EQ(0644u, ModeOf(target));
+}
+
 TEST_F(LogFile, RecordsAreAppendedToAnExistingFile)
 {
     m_folder.Write("work/log/unit.log", "before\n");
