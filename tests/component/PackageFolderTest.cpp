@@ -178,7 +178,10 @@ TEST_F(PackageFolder, OfALinkTheNameIsRemovedAndAFolderIsNot)
 
     EXPECT_TRUE(RemoveName(FromUtf8(m_folder / "link")));
     EXPECT_FALSE(RemoveName(FromUtf8(m_folder / "folder")));
-    EXPECT_NE(0, errno);
+    EXPECT_EQ(EISDIR, errno);
+    EXPECT_FALSE(RemoveName(FromUtf8(m_folder / "missing")));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_TRUE(m_log.Records().empty());
     EXPECT_EQ(Names{"target"}, Listed(L"*"));
     EXPECT_TRUE(Exists(m_folder / "folder"));
 }

@@ -1,7 +1,6 @@
 // What an operator has put beside the executable.
 //
-// Renaming and removing go straight to the system: the framework's functions lose the reason of a failure, or try a
-// copy.
+// Renaming goes straight to the system, see docs/decisions/0009-packages-are-renamed-by-the-system.md.
 //
 // Tested by: component/PackageFolderTest.cpp, blackbox/test_packages.py.
 
@@ -11,11 +10,11 @@
 #include <string>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <wx/dir.h>
 #include <wx/filefn.h>
 #include <wx/filename.h>
+#include <wx/log.h>
 
 #include <VelCore/Utf8.h>
 
@@ -53,11 +52,13 @@ bool RenameToDone(const wxString& path)
     const std::string name = VelCore::ToUtf8(path);
     const std::string done = name + ".done";
     if (AreOneFile(name, done))
-        return unlink(name.c_str()) == 0; // renaming one to the other does nothing, and says that it did
+        return RemoveName(path); // renaming one to the other does nothing, and says that it did
     return std::rename(name.c_str(), done.c_str()) == 0;
 }
 
 bool RemoveName(const wxString& path)
 {
-    return unlink(VelCore::ToUtf8(path).c_str()) == 0;
+    // Its own record would take the place of the reason, which belongs into the caller's.
+    const wxLogNull quiet;
+    return wxRemoveFile(path);
 }
