@@ -325,6 +325,21 @@ def test_load_takes_precompiled_chunks_as_ever(installation):
     assert run_main(installation, "print(load(string.dump(function() return 'mine' end))())") == "mine\n"
 
 
+@pytest.mark.parametrize("call", ["dofile({})", "loadfile({})()", "loadfile({}, 'b')()"])
+def test_files_that_the_application_loads_may_be_precompiled(installation, call):
+    (installation.root / "rules.luac").write_bytes(compiled("return 'mine'"))
+
+    assert run_main(installation, f"print({call.format(repr(f'{installation.root}/rules.luac'))})") == "mine\n"
+
+
+def test_modes_of_loadfile_are_those_of_lua(installation):
+    (installation.root / "rules.luac").write_bytes(compiled("return 'mine'"))
+
+    out = run_main(installation, f"print(loadfile('{installation.root}/rules.luac', 't'))")
+
+    assert out == "nil\tattempt to load a binary chunk (mode is 't')\n"
+
+
 def test_precompiled_file_of_a_searched_path_is_refused_as_all_files(installation):
     (installation.bin / "beside.lua").write_bytes(compiled("print('executed')"))
 

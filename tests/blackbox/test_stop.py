@@ -52,6 +52,20 @@ def test_stop_runs_shutdown_and_keeps_its_status(installation):
     assert not agent.pid_file.exists()
 
 
+def test_wait_for_the_stop_that_fails_is_told_and_shutdown_follows(installation, preloaded):
+    agent = installation.start_in_background(shutdown="return 5", env=preloaded(TEST_SIGWAIT="ERROR"))
+
+    assert agent.end() == 5
+
+    assert agent.lines() == [
+        "Message: init",
+        "Message: main",
+        "Error: sigwait (error 22: Invalid argument)",
+        "Message: shutdown",
+        "Verbose: Child process exited with status 1280 (exit 5)",
+    ]
+
+
 def test_pid_file_goes_when_the_stop_begins(installation):
     gate = installation.root / "gate"
     agent = installation.start_in_background(shutdown=once_there(gate) + "return 5")

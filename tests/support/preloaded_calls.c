@@ -7,12 +7,14 @@
  *   TEST_WAITPID=OTHER   the first waitpid() gives 0
  *   TEST_WAITPID=CRASH   waitpid() crashes
  *   TEST_PTRACE=REFUSED  ptrace() fails with EPERM
+ *   TEST_SIGWAIT=ERROR   sigwait() fails with EINVAL
  *   TEST_PWRITE=CRASH    pwrite() crashes
  *   TEST_PWRITE=HANG     pwrite() does not return
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdatomic.h>
 #include <stdio.h>
@@ -94,6 +96,13 @@ long ptrace(int request, ...)
         return -1;
     }
     return ((long (*)(int, ...))dlsym(RTLD_NEXT, "ptrace"))(request, pid, address, data);
+}
+
+int sigwait(const sigset_t *set, int *signal)
+{
+    if (getenv("TEST_SIGWAIT"))
+        return EINVAL;
+    return ((int (*)(const sigset_t *, int *))dlsym(RTLD_NEXT, "sigwait"))(set, signal);
 }
 
 ssize_t pwrite64(int file, const void *bytes, size_t size, off64_t offset)
