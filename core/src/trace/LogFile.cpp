@@ -169,7 +169,7 @@ bool CLogFile::WriteUnderLock(const std::string& line, std::string& reason)
 {
     const bool isWritten = ReadyToWrite(reason) && WriteLine(line, reason);
     if (isWritten)
-        m_lease.Look(m_file, m_isAlone);
+        m_lease.Look(m_file);
     if (m_file >= 0)
         UnlockLog(m_file);
     return isWritten;
@@ -192,9 +192,10 @@ bool CLogFile::ReadyToWrite(std::string& reason)
         }
         if (current.st_size >= m_rotateAt && Rotate())
             continue;
-        m_isAlone = current.st_size == m_end;
-        if (!m_isAlone)
+        if (current.st_size != m_end) {
+            m_lease.NoteOthers(current.st_mtim);
             TakeOver();
+        }
         return true;
     }
     return m_file >= 0 || Open(reason);

@@ -80,7 +80,6 @@ private:
     struct stat m_identity = {};          // of the log file: device and inode
     std::int64_t m_rotateAt = s_RotateAt; // moved on when a rotation fails
     off_t m_end = 0;                      // of the file after our last record
-    bool m_isAlone = false;               // the file was as we left it when it was locked
     CLogLease m_lease;
     std::string m_lastReason; // why the last record did not reach the file; empty: it did
 };

@@ -29,8 +29,9 @@ const long kLockPauseNs = 100000;
 // One second of solitude, so that processes that write by turns never wait for a lease.
 const auto kSolitude = seconds(1);
 
-// A process that writes less often gains nothing.
+// A process that writes less often, or only for a moment, gains nothing, and had better look each time.
 const auto kBusy = milliseconds(1);
+const int kBusyLooks = 100;
 
 const auto kLease = microseconds(500);
 
@@ -75,19 +76,20 @@ bool CLogLease::IsValid() const
     return m_isHeld && m_process == OwnPid() && Clock::now() < m_until;
 }
 
-void CLogLease::Look(int file, bool isAlone)
+void CLogLease::Look(int file)
 {
     const Clock::time_point now = Clock::now();
     if (m_process != OwnPid()) {
-        StartAnew();
         m_process = OwnPid();
+        m_isHeld = false;
+        m_othersWrote = FileClock::now(); // the parent may be about to
     }
-    if (!isAlone)
-        m_aloneSince = now;
-    const bool isBusy = now - m_lastLook < kBusy;
+    m_busyLooks = now - m_lastLook < kBusy ? m_busyLooks + 1 : 0;
+    const bool isBusy = m_busyLooks >= kBusyLooks;
+    const bool isAlone = FileClock::now() - m_othersWrote >= kSolitude;
     m_lastLook = now;
     // It is taken anew each time: whoever in this process closes another descriptor of the file has dropped it.
-    if (isBusy && now - m_aloneSince >= kSolitude && Apply(file, Bytes(F_WRLCK, kLeaseAt, 1))) {
+    if (isBusy && isAlone && Apply(file, Bytes(F_WRLCK, kLeaseAt, 1))) {
         m_isHeld = true;
         m_until = now + kLease;
     } else {
@@ -109,10 +111,17 @@ void CLogLease::AwaitOthers(int file)
         nanosleep(&kOthersLease, nullptr);
 }
 
+void CLogLease::NoteOthers(const struct timespec& when)
+{
+    const auto sinceEpoch = seconds(when.tv_sec) + std::chrono::nanoseconds(when.tv_nsec);
+    m_othersWrote = FileClock::time_point(std::chrono::duration_cast<FileClock::duration>(sinceEpoch));
+}
+
 void CLogLease::StartAnew()
 {
+    m_process = OwnPid();
     m_isHeld = false;
-    m_aloneSince = Clock::now();
+    m_othersWrote = FileClock::time_point();
 }
 
 } // namespace VelCore

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 
 #include <sys/types.h>
 
@@ -31,9 +32,10 @@ public:
 
     /// Call it with each record that is written under the lock, before that is released. Takes the right, renews it or
     /// gives it up.
-    ///
-    /// isAlone  whether the file is as this process left it
-    void Look(int file, bool isAlone);
+    void Look(int file);
+
+    /// Call it ahead of that when somebody else has written last; `when` is the time of the file's last change.
+    void NoteOthers(const struct timespec& when);
 
     /// Waits, with the file locked, until no other process can have the right.
     static void AwaitOthers(int file);
@@ -41,17 +43,20 @@ public:
     /// The file was closed, and with that the right is gone. It is taken soon again if the next file is new.
     void Drop() { m_isHeld = false; }
 
-    /// Nothing is known about the next file.
+    /// The next file is another one. If it has records, NoteOthers() tells how old they are.
     void StartAnew();
 
 private:
     void GiveUp(int file);
 
+    using FileClock = std::chrono::system_clock; // of the times of files
+
     pid_t m_process = 0;         // that the rest is about
     bool m_isHeld = false;       // others see that this process may have the right
     Clock::time_point m_until{}; // may append until then
-    Clock::time_point m_aloneSince{};
     Clock::time_point m_lastLook{};
+    std::int64_t m_busyLooks = 0; // in a row, each soon after the one before
+    FileClock::time_point m_othersWrote{}; // never, as far as is known
 };
 
 } // namespace VelCore
