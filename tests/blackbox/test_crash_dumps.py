@@ -344,6 +344,19 @@ def test_folder_that_is_removed_meanwhile(victim):
     assert not victim.diag.exists()
 
 
+def test_dump_follows_a_moved_work_folder(victim):
+    moved = victim.installation.root / "moved/deeper"
+
+    outcome = victim.crash("write", words=("-d", f"app.path.work={moved}"))
+
+    dump = moved / "diag" / victim.dump.name
+    assert outcome.status == -signal.SIGSEGV, outcome
+    assert victim.dumps() == []
+    assert "crash_by_write" in functions(debugger.threads(dump)[1])
+    records = victim.installation.log_lines("Error", work=moved)
+    assert any(text.startswith("Crashed by signal 11") and text.endswith(f", dump in {dump}") for text in records), records
+
+
 def test_work_folder_that_is_removed_meanwhile(victim):
     outcome = victim.crash("write", before=f"os.execute('rm -r {victim.installation.work}')")
 

@@ -14,7 +14,7 @@ namespace VelCore {
 /// be in order. It gets 10 seconds, a full dump 60. Forks of the process crash for themselves.
 ///
 /// path  of the dump, `<folder>/<file>`. The last eight are kept: `path` is the newest, `path.1` to `path.7` are older.
-///       A folder that is missing now is made when it is needed, for its owner alone; its parent has to exist then.
+///       Folders of it that are missing now are made when they are needed, for their owner alone.
 /// name  of the application
 /// full  dumps also hold all writable memory
 ///

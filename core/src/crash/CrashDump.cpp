@@ -4,6 +4,10 @@
 
 #include "crash/CrashDump.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <string_view>
+
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -133,10 +137,22 @@ bool WriteDump(const CrashSite& site, const DumpSettings& settings, bool full, C
     return false;
 }
 
+// Makes what was missing at the start. Whoever stands in its place shows when the dump is created.
+void MakeFolder(const DumpSettings& settings)
+{
+    const std::string_view folder = settings.folder;
+    char path[sizeof settings.folder];
+    for (std::size_t end = settings.present; end < folder.size();) {
+        end = std::min(folder.find('/', end + 1), folder.size());
+        folder.copy(path, end);
+        path[end] = '\0';
+        mkdir(path, 0700);
+    }
+}
+
 void DumpSnapshot(const CrashSite& site, const DumpSettings& settings)
 {
-    if (settings.makeFolder)
-        mkdir(settings.folder, 0700); // whoever stands in its place shows when the dump is created
+    MakeFolder(settings);
     CDumpFile fullFile;
     if (settings.full) {
         CMinidumpWriter writer(fullFile, SnapshotMemory());

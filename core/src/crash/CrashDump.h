@@ -1,6 +1,8 @@
 // CrashDump.h: the work of the process that is forked at the moment of a crash.
 #pragma once
 
+#include <cstddef>
+
 #include "crash/ProcessSnapshot.h"
 
 namespace VelCore {
@@ -10,7 +12,7 @@ struct DumpSettings
 {
     char folder[4096];
     char name[256];
-    bool makeFolder; // it was not there at the start; one that was removed since then stays removed
+    std::size_t present; // so much of the folder's path was there at the start; what was removed since stays removed
     bool full;
 };
 

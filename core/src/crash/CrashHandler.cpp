@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include <poll.h>
 #include <sys/stat.h>
@@ -194,6 +195,17 @@ void Copy(const std::string& from, char* to, std::size_t size)
     to[length] = '\0';
 }
 
+// The longest front part of a path that is there; empty when nothing of it is.
+std::string PresentPart(std::string path)
+{
+    struct stat status = {};
+    while (!path.empty() && lstat(path.c_str(), &status) != 0) {
+        const std::size_t slash = path.rfind('/');
+        path.resize(slash == std::string::npos ? 0 : slash);
+    }
+    return path;
+}
+
 } // namespace
 
 void InitCrashHandler(const wxString& path, const wxString& name, bool full)
@@ -202,8 +214,7 @@ void InitCrashHandler(const wxString& path, const wxString& name, bool full)
     const std::size_t slash = file.rfind('/');
     Copy(slash == std::string::npos ? "." : file.substr(0, slash), g_settings.folder, sizeof g_settings.folder);
     Copy(slash == std::string::npos ? file : file.substr(slash + 1), g_settings.name, sizeof g_settings.name);
-    struct stat present = {};
-    g_settings.makeFolder = lstat(g_settings.folder, &present) != 0;
+    g_settings.present = PresentPart(g_settings.folder).size();
     g_settings.full = full;
     NoteForCrash("app.name", ToUtf8(name));
     CLogFile::Get().TellCrashHandler();
