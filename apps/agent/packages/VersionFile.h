@@ -20,6 +20,6 @@ struct VersionNumbers
 std::optional<wxString> FindVersionLine(wxInputStream& in);
 
 /// Reads `major.minor.patch-build`. White space before a number is skipped, a sign and leading zeros are accepted, and
-/// whatever follows the build number is ignored. Nothing when the text has another form, or when one of the numbers that
-/// are compared is no `int`; the build number may have any number of digits.
+/// whatever follows the build number is ignored. Nothing when the text has another form, or when one of the numbers
+/// that are compared is no `int`; the build number may have any number of digits.
 std::optional<VersionNumbers> ParseVersion(const wxString& text);
