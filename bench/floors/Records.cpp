@@ -80,7 +80,7 @@ void MeasureSpdlog(const Run& run, const std::string& path)
     });
 }
 
-// A process that is alone with its log for a second takes fewer looks at the file. This is about the time after that.
+// A process that is alone with its log, and busy, takes fewer looks at the file. This is about the time after that.
 void WarmUp()
 {
     const Driver::Clock::time_point start = Driver::Clock::now();

@@ -9,8 +9,8 @@ class wxString;
 /// signal, which then only interrupts what the thread was doing.
 void VelSignalHandler(int signal);
 
-/// Blocks SIGTERM, and nothing else that the caller of the program may have left blocked, in the calling thread. Call it
-/// before there is another one.
+/// Blocks SIGTERM, and nothing else that the caller of the program may have left blocked, in the calling thread. Call
+/// it before there is another one.
 void BlockOnlySigterm();
 
 /// Keeps SIGTERM away from the calling thread and from every thread that it starts.

@@ -128,19 +128,33 @@ void CLogFile::Append(std::time_t when, std::string_view level, std::string_view
 void CLogFile::Append(std::string& record)
 {
     record += '\n';
-
-    const std::lock_guard lock(m_mutex);
-    FollowSettings();
-    std::string reason;
-    const bool mayAppend = m_lease.IsValid() && m_end < m_rotateAt;
-    const bool isWritten = !m_work.empty() && (mayAppend ? WriteLine(record, reason) : WriteUnderLock(record, reason));
-    if (!isWritten) {
-        WriteToStandardError(record, reason);
-        return;
+    const std::size_t taken = AppendAlone(record);
+    if (taken < record.size()) {
+        const std::lock_guard lock(m_mutex);
+        m_piece = static_cast<off_t>(taken);
+        FollowSettings();
+        std::string reason;
+        if (m_work.empty() || !WriteUnderLock(record, reason)) {
+            WriteToStandardError(record, reason);
+            return;
+        }
+        m_lastReason.clear();
     }
-    m_lastReason.clear();
     if (t_quiet == 0 && StandardErrorIsTerminal())
         WriteAll(STDERR_FILENO, record);
+}
+
+// Threads of a process with the lease append side by side: the system keeps their lines apart. Returns how much of the
+// line the file took; without the lease nothing.
+std::size_t CLogFile::AppendAlone(std::string_view line)
+{
+    const std::shared_lock lock(m_mutex);
+    if (!m_lease.IsValid() || m_end >= m_rotateAt || m_generation != CDom::SettingsGeneration())
+        return 0;
+    const ssize_t taken = write(m_file, line.data(), line.size());
+    if (taken == static_cast<ssize_t>(line.size()))
+        m_end += taken;
+    return taken > 0 ? static_cast<std::size_t>(taken) : 0;
 }
 
 void CLogFile::FollowSettings()
@@ -192,6 +206,9 @@ bool CLogFile::ReadyToWrite(std::string& reason)
         }
         if (current.st_size >= m_rotateAt && Rotate())
             continue;
+        if (m_piece != 0 && current.st_size == m_end + m_piece && ftruncate(m_file, m_end) == 0)
+            current.st_size = m_end;
+        m_piece = 0;
         if (current.st_size != m_end) {
             m_lease.NoteOthers(current.st_mtim);
             TakeOver();

@@ -1,9 +1,10 @@
 // LogFile.h: the file behind log and trace.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
-#include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <string_view>
 
@@ -57,6 +58,7 @@ public:
 private:
     CLogFile() = default;
 
+    std::size_t AppendAlone(std::string_view line);
     void FollowSettings();
     bool Open(std::string& reason);
     void Close();
@@ -71,7 +73,7 @@ private:
     bool WriteLine(const std::string& line, std::string& reason);
     void WriteToStandardError(const std::string& line, const std::string& reason);
 
-    std::mutex m_mutex;
+    std::shared_mutex m_mutex;            // shared by threads that append side by side
     std::uint64_t m_generation = 0;       // of the settings that the path was made from
     std::string m_work;                   // the work folder; empty: not known yet
     std::string m_fileName;               // of the log file in its folder
@@ -79,7 +81,8 @@ private:
     int m_file = -1;                      // descriptor of the log file
     struct stat m_identity = {};          // of the log file: device and inode
     std::int64_t m_rotateAt = s_RotateAt; // moved on when a rotation fails
-    off_t m_end = 0;                      // of the file after our last record
+    std::atomic<off_t> m_end{0};          // of the file after our last record
+    off_t m_piece = 0;                    // bytes of the present record that the system took and no more
     CLogLease m_lease;
     std::string m_lastReason; // why the last record did not reach the file; empty: it did
 };

@@ -55,7 +55,7 @@ private:
     bool m_isHeld = false;       // others see that this process may have the right
     Clock::time_point m_until{}; // may append until then
     Clock::time_point m_lastLook{};
-    std::int64_t m_busyLooks = 0; // in a row, each soon after the one before
+    std::int64_t m_busyLooks = 0;          // in a row, each soon after the one before
     FileClock::time_point m_othersWrote{}; // never, as far as is known
 };
 

@@ -12,27 +12,21 @@
 namespace VelCore {
 namespace {
 
+// Appends a text that stands as it is, which most do. Returns false, and appends nothing, when there is more to do.
 template <typename Character>
-bool IsPlain(Character character)
+bool AppendPlain(const Character* text, std::size_t size, std::string& out)
 {
-    return character >= 0x20 && character < 0x7F;
-}
-
-// How many characters at the front of a text stand as they are. A block at a time, because most texts are plain.
-template <typename Character>
-std::size_t PlainLength(const Character* text, std::size_t size)
-{
-    const std::size_t block = 16;
-    std::size_t length = 0;
-    for (bool isPlain = true; length + block <= size; length += block) {
-        for (std::size_t i = 0; i < block; ++i)
-            isPlain &= IsPlain(text[length + i]);
-        if (!isPlain)
-            break;
+    const std::size_t start = out.size();
+    out.resize(start + size);
+    char* const place = out.data() + start;
+    unsigned others = 0;
+    for (std::size_t i = 0; i < size; ++i) {
+        place[i] = static_cast<char>(text[i]);
+        others |= static_cast<std::uint32_t>(text[i]) - 0x20 < 0x5F ? 0U : 1U;
     }
-    while (length < size && IsPlain(text[length]))
-        ++length;
-    return length;
+    if (others != 0)
+        out.resize(start);
+    return others == 0;
 }
 
 bool IsControl(std::uint32_t point)
@@ -92,22 +86,15 @@ std::string EscapeControls(std::string_view text)
 
 void AppendEscaped(std::string_view text, std::string& out)
 {
-    const std::size_t plain = PlainLength(text.data(), text.size());
-    out.append(text.substr(0, plain));
-    if (plain < text.size())
-        AppendDecoded(FromUtf8(text.substr(plain)), out);
+    if (!AppendPlain(text.data(), text.size(), out))
+        AppendDecoded(FromUtf8(text), out);
 }
 
 void AppendEscaped(const wxString& text, std::string& out)
 {
     const std::wstring& wide = text.ToStdWstring();
-    const std::size_t plain = PlainLength(wide.data(), wide.size());
-    const std::size_t start = out.size();
-    out.resize(start + plain);
-    for (std::size_t i = 0; i < plain; ++i)
-        out[start + i] = static_cast<char>(wide[i]);
-    if (plain < wide.size())
-        AppendEscaped(std::string_view(ToUtf8(text.substr(plain))), out);
+    if (!AppendPlain(wide.data(), wide.size(), out))
+        AppendEscaped(std::string_view(ToUtf8(text)), out);
 }
 
 std::string LogFileStem(std::string_view applicationName)
