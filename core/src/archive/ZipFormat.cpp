@@ -405,17 +405,23 @@ public:
         if (length > std::numeric_limits<std::size_t>::max())
             return Fail(reason, kNoMemory);
         m_length = static_cast<std::size_t>(length);
-        m_bytes.reset(new (std::nothrow) unsigned char[m_length]);
+        m_bytes = m_small;
+        if (m_length > sizeof m_small) {
+            m_large.reset(new (std::nothrow) unsigned char[m_length]);
+            m_bytes = m_large.get();
+        }
         if (!m_bytes)
             return Fail(reason, kNoMemory);
-        return source.ReadAt(offset, m_bytes.get(), m_length, reason);
+        return source.ReadAt(offset, m_bytes, m_length, reason);
     }
 
-    const unsigned char* Bytes() const { return m_bytes.get(); }
+    const unsigned char* Bytes() const { return m_bytes; }
     std::size_t Length() const { return m_length; }
 
 private:
-    std::unique_ptr<unsigned char[]> m_bytes;
+    unsigned char m_small[16384]; // most modules; a piece of the heap each time makes the C library tidy up there
+    std::unique_ptr<unsigned char[]> m_large;
+    unsigned char* m_bytes = nullptr;
     std::size_t m_length = 0;
 };
 

@@ -218,14 +218,27 @@ bool CLogFile::ReadyToWrite(std::string& reason)
     return m_file >= 0 || Open(reason);
 }
 
-// Somebody else has written last.
+// Somebody else has written last. If he has the lease he may be late, and have been stopped between two pages of a
+// record, which then looks like the piece that a killed process leaves: that is waited for like a lock.
 void CLogFile::TakeOver()
 {
     CLogLease::AwaitOthers(m_file);
-    struct stat current = {};
-    if (fstat(m_file, &current) == 0)
-        EndLastLine(current.st_size);
+    off_t size = 0;
+    for (int attempt = 0; attempt < s_LockAttempts; ++attempt) {
+        const bool mayBeWriting = CLogLease::IsOthers(m_file); // asked first: nobody begins to write behind a "no"
+        size = lseek(m_file, 0, SEEK_END);
+        if (!mayBeWriting || EndsALine(size))
+            break;
+        PauseForLog();
+    }
+    EndLastLine(size);
     m_end = lseek(m_file, 0, SEEK_END);
+}
+
+bool CLogFile::EndsALine(off_t size) const
+{
+    char last = '\n';
+    return size <= 0 || pread(m_file, &last, 1, size - 1) != 1 || last == '\n';
 }
 
 bool CLogFile::MakeFolder(std::string& reason)

@@ -67,6 +67,7 @@ private:
     bool ReadyToWrite(std::string& reason);
     bool Rotate();
     void TakeOver();
+    bool EndsALine(off_t size) const;
     void EndLastLine(off_t size);
     bool ShiftOldFiles();
     void TakeBack(std::size_t length);

@@ -24,8 +24,6 @@ using std::chrono::seconds;
 // Where the lease's byte is; the lock is all before it.
 const off_t kLeaseAt = off_t{1} << 62;
 
-const long kLockPauseNs = 100000;
-
 // One second of solitude, so that processes that write by turns never wait for a lease.
 const auto kSolitude = seconds(1);
 
@@ -58,17 +56,22 @@ bool Apply(int file, struct flock bytes)
 // Where there are no locks a record is worth more than its order.
 void LockLog(int file, int attempts)
 {
-    const struct timespec pause = {0, kLockPauseNs};
     for (int attempt = 0; attempt < attempts; ++attempt) {
         if (Apply(file, Bytes(F_WRLCK, 0, kLeaseAt)) || (errno != EACCES && errno != EAGAIN && errno != EINTR))
             return;
-        nanosleep(&pause, nullptr);
+        PauseForLog();
     }
 }
 
 void UnlockLog(int file)
 {
     Apply(file, Bytes(F_UNLCK, 0, kLeaseAt));
+}
+
+void PauseForLog()
+{
+    const struct timespec pause = {0, 100000};
+    nanosleep(&pause, nullptr);
 }
 
 bool CLogLease::IsValid() const
@@ -104,10 +107,15 @@ void CLogLease::GiveUp(int file)
     m_isHeld = false;
 }
 
-void CLogLease::AwaitOthers(int file)
+bool CLogLease::IsOthers(int file)
 {
     struct flock bytes = Bytes(F_WRLCK, kLeaseAt, 1);
-    if (fcntl(file, F_GETLK, &bytes) == 0 && bytes.l_type != F_UNLCK)
+    return fcntl(file, F_GETLK, &bytes) == 0 && bytes.l_type != F_UNLCK;
+}
+
+void CLogLease::AwaitOthers(int file)
+{
+    if (IsOthers(file))
         nanosleep(&kOthersLease, nullptr);
 }
 

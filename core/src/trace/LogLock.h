@@ -14,6 +14,9 @@ void LockLog(int file, int attempts);
 
 void UnlockLog(int file);
 
+/// A tenth of a millisecond, between two attempts.
+void PauseForLog();
+
 /// The right of one process to append without locking, and so without asking the system about anything else.
 ///
 /// A process that has been the only writer for a while and is busy writing takes it with one of its records, which it
@@ -36,6 +39,9 @@ public:
 
     /// Call it ahead of that when somebody else has written last; `when` is the time of the file's last change.
     void NoteOthers(const struct timespec& when);
+
+    /// Whether another process has the right, or had it and is perhaps late with a record.
+    static bool IsOthers(int file);
 
     /// Waits, with the file locked, until no other process can have the right.
     static void AwaitOthers(int file);

@@ -8,7 +8,7 @@
 #include <VelCore/Unzip.h>
 #include <VelCore/Utf8.h>
 
-#include "floors/Measure.h"
+#include "programs/Measure.h"
 
 using namespace VelBench;
 

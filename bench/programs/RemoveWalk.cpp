@@ -11,7 +11,7 @@
 
 #include <VelCore/Utf8.h>
 
-#include "floors/Measure.h"
+#include "programs/Measure.h"
 
 using namespace VelBench;
 

@@ -1,4 +1,4 @@
-#include "floors/Measure.h"
+#include "programs/Measure.h"
 
 #include <cstdio>
 #include <cstdlib>

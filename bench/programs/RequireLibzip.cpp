@@ -10,8 +10,8 @@
 #include <lua.hpp>
 #include <zip.h>
 
-#include "floors/Measure.h"
-#include "floors/Requires.h"
+#include "programs/Measure.h"
+#include "programs/Requires.h"
 
 using namespace VelBench;
 

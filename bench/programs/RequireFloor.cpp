@@ -11,9 +11,9 @@
 #include <libdeflate.h>
 #include <lua.hpp>
 
-#include "floors/MappedZip.h"
-#include "floors/Measure.h"
-#include "floors/Requires.h"
+#include "programs/MappedZip.h"
+#include "programs/Measure.h"
+#include "programs/Requires.h"
 
 using namespace VelBench;
 

@@ -11,7 +11,7 @@
 #include <VelCore/Dom.h>
 
 #include "AgentApp.h"
-#include "floors/Measure.h"
+#include "programs/Measure.h"
 
 using namespace VelBench;
 

@@ -11,7 +11,7 @@
 
 #include <zip.h>
 
-#include "floors/Measure.h"
+#include "programs/Measure.h"
 
 using namespace VelBench;
 

@@ -8,8 +8,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "floors/Measure.h"
-#include "floors/Requires.h"
+#include "programs/Measure.h"
+#include "programs/Requires.h"
 
 using namespace VelBench;
 

@@ -1,4 +1,4 @@
-#include "floors/Requires.h"
+#include "programs/Requires.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -7,7 +7,7 @@
 
 #include <lua.hpp>
 
-#include "floors/Measure.h"
+#include "programs/Measure.h"
 
 namespace VelBench {
 

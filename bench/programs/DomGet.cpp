@@ -14,7 +14,7 @@
 
 #include <VelCore/DomBinding.h>
 
-#include "floors/InTurn.h"
+#include "programs/InTurn.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 
 #include <libdeflate.h>
 
-#include "floors/MappedZip.h"
-#include "floors/Measure.h"
+#include "programs/MappedZip.h"
+#include "programs/Measure.h"
 
 using namespace VelBench;
 

@@ -15,8 +15,8 @@
 #include <VelCore/LuaInterpreter.h>
 #include <VelCore/Utf8.h>
 
-#include "floors/Measure.h"
-#include "floors/Requires.h"
+#include "programs/Measure.h"
+#include "programs/Requires.h"
 
 using namespace VelBench;
 

@@ -16,7 +16,7 @@
 
 #include <VelCore/Dom.h>
 
-#include "floors/InTurn.h"
+#include "programs/InTurn.h"
 
 namespace {
 

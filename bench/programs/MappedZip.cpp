@@ -1,4 +1,4 @@
-#include "floors/MappedZip.h"
+#include "programs/MappedZip.h"
 
 #include <cstring>
 
@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "floors/Measure.h"
+#include "programs/Measure.h"
 
 namespace VelBench {
 
