@@ -131,7 +131,7 @@ void CLogFile::Append(std::string& record)
     const std::size_t taken = AppendAlone(record);
     if (taken < record.size()) {
         const std::lock_guard lock(m_mutex);
-        m_piece = static_cast<off_t>(taken);
+        TakeBack(std::string_view(record).substr(0, taken));
         FollowSettings();
         std::string reason;
         if (m_work.empty() || !WriteUnderLock(record, reason)) {
@@ -149,7 +149,7 @@ void CLogFile::Append(std::string& record)
 std::size_t CLogFile::AppendAlone(std::string_view line)
 {
     const std::shared_lock lock(m_mutex);
-    if (!m_lease.IsValid() || m_end >= m_rotateAt || m_generation != CDom::SettingsGeneration())
+    if (!m_lease.IsValid() || m_end < 0 || m_end >= m_rotateAt || m_generation != CDom::SettingsGeneration())
         return 0;
     const ssize_t taken = write(m_file, line.data(), line.size());
     if (taken == static_cast<ssize_t>(line.size()))
@@ -196,7 +196,9 @@ bool CLogFile::ReadyToWrite(std::string& reason)
     for (int round = 0; round < s_OldFiles; ++round) {
         if (m_file < 0 && !Open(reason))
             return false;
-        LockLog(m_file, s_LockAttempts);
+        m_isLocked = LockLog(m_file, s_LockAttempts);
+        if (m_lease.IsInherited())
+            m_end = -1; // the parent may have gone on
 
         struct stat current = {};
         if (fstatat(m_folder, m_fileName.c_str(), &current, AT_SYMLINK_NOFOLLOW) != 0 || !IsSame(current, m_identity)) {
@@ -206,9 +208,6 @@ bool CLogFile::ReadyToWrite(std::string& reason)
         }
         if (current.st_size >= m_rotateAt && Rotate())
             continue;
-        if (m_piece != 0 && current.st_size == m_end + m_piece && ftruncate(m_file, m_end) == 0)
-            current.st_size = m_end;
-        m_piece = 0;
         if (current.st_size != m_end) {
             m_lease.NoteOthers(current.st_mtim);
             TakeOver();
@@ -224,15 +223,17 @@ void CLogFile::TakeOver()
 {
     CLogLease::AwaitOthers(m_file);
     off_t size = 0;
+    bool mayBeWriting = true;
     for (int attempt = 0; attempt < s_LockAttempts; ++attempt) {
-        const bool mayBeWriting = CLogLease::IsOthers(m_file); // asked first: nobody begins to write behind a "no"
+        mayBeWriting = CLogLease::IsOthers(m_file); // asked first: nobody begins to write behind a "no"
         size = lseek(m_file, 0, SEEK_END);
         if (!mayBeWriting || EndsALine(size))
             break;
         PauseForLog();
     }
-    EndLastLine(size);
-    m_end = lseek(m_file, 0, SEEK_END);
+    EndLastLine(size, m_isLocked && !mayBeWriting);
+    const off_t end = lseek(m_file, 0, SEEK_END);
+    m_end = EndsALine(end) ? end : -1; // -1: the next record looks again
 }
 
 bool CLogFile::EndsALine(off_t size) const
@@ -331,30 +332,35 @@ bool CLogFile::WriteLine(const std::string& line, std::string& reason)
 {
     const std::size_t written = WriteAll(m_file, line);
     if (written == line.size()) {
-        m_end += static_cast<off_t>(written);
+        if (m_end >= 0)
+            m_end += static_cast<off_t>(written);
         return true;
     }
     reason = SystemReason("cannot write log file", m_work + "/log/" + m_fileName);
-    // What a full disk cut short goes whole to standard error, so it is taken back here.
-    if (written > 0)
-        TakeBack(written);
+    m_lease.Expire();
+    TakeBack(std::string_view(line).substr(0, written));
     return false;
 }
 
-// Removes the last `length` bytes that this process has written, if they are still the end of the file.
-void CLogFile::TakeBack(std::size_t length)
+// Removes the piece of a record that a full disk cut short, as the whole goes elsewhere. If the file does not end with
+// it any more, the next record looks at what there is.
+void CLogFile::TakeBack(std::string_view piece)
 {
-    const off_t end = lseek(m_file, 0, SEEK_CUR);
-    struct stat status = {};
-    if (end < 0 || fstat(m_file, &status) != 0 || status.st_size != end)
+    if (piece.empty())
         return;
-    if (ftruncate(m_file, end - static_cast<off_t>(length)) != 0)
-        return; // the next record makes it a line of its own
+    std::string bytes(piece.size(), '\0');
+    struct stat status = {};
+    const off_t end = m_end + static_cast<off_t>(piece.size());
+    const bool isLast = m_end >= 0 && fstat(m_file, &status) == 0 && status.st_size == end &&
+                        pread(m_file, bytes.data(), bytes.size(), m_end) == static_cast<ssize_t>(bytes.size()) &&
+                        bytes == piece;
+    if (!isLast || ftruncate(m_file, m_end) != 0)
+        m_end = -1;
 }
 
 // If the other one was killed meanwhile, the piece of a record that he left is removed: his call has never returned, so
 // nobody counts on it. Whatever else has no end becomes a line of its own.
-void CLogFile::EndLastLine(off_t size)
+void CLogFile::EndLastLine(off_t size, bool mayRemove)
 {
     char bytes[kTailBytes];
     const std::size_t length = std::min(sizeof bytes, static_cast<std::size_t>(size));
@@ -365,7 +371,7 @@ void CLogFile::EndLastLine(off_t size)
     if (tail.empty() || tail.back() == '\n')
         return;
     const std::size_t lineFeed = tail.rfind('\n');
-    const bool isPiece = size % kPage == 0 && lineFeed != std::string_view::npos &&
+    const bool isPiece = mayRemove && size % kPage == 0 && lineFeed != std::string_view::npos &&
                          std::isdigit(static_cast<unsigned char>(tail[lineFeed + 1])) != 0;
     if (!isPiece || ftruncate(m_file, start + static_cast<off_t>(lineFeed) + 1) != 0)
         WriteAll(m_file, "\n");

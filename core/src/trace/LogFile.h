@@ -68,9 +68,9 @@ private:
     bool Rotate();
     void TakeOver();
     bool EndsALine(off_t size) const;
-    void EndLastLine(off_t size);
+    void EndLastLine(off_t size, bool mayRemove);
     bool ShiftOldFiles();
-    void TakeBack(std::size_t length);
+    void TakeBack(std::string_view piece);
     bool WriteLine(const std::string& line, std::string& reason);
     void WriteToStandardError(const std::string& line, const std::string& reason);
 
@@ -82,8 +82,8 @@ private:
     int m_file = -1;                      // descriptor of the log file
     struct stat m_identity = {};          // of the log file: device and inode
     std::int64_t m_rotateAt = s_RotateAt; // moved on when a rotation fails
-    std::atomic<off_t> m_end{0};          // of the file after our last record
-    off_t m_piece = 0;                    // bytes of the present record that the system took and no more
+    std::atomic<off_t> m_end{0};          // of the file after our last record; -1: not known
+    bool m_isLocked = false;              // against other processes, as far as the last record knows
     CLogLease m_lease;
     std::string m_lastReason; // why the last record did not reach the file; empty: it did
 };

@@ -54,13 +54,16 @@ bool Apply(int file, struct flock bytes)
 } // namespace
 
 // Where there are no locks a record is worth more than its order.
-void LockLog(int file, int attempts)
+bool LockLog(int file, int attempts)
 {
     for (int attempt = 0; attempt < attempts; ++attempt) {
-        if (Apply(file, Bytes(F_WRLCK, 0, kLeaseAt)) || (errno != EACCES && errno != EAGAIN && errno != EINTR))
-            return;
+        if (Apply(file, Bytes(F_WRLCK, 0, kLeaseAt)))
+            return true;
+        if (errno != EACCES && errno != EAGAIN && errno != EINTR)
+            return false;
         PauseForLog();
     }
+    return false;
 }
 
 void UnlockLog(int file)
@@ -82,7 +85,7 @@ bool CLogLease::IsValid() const
 void CLogLease::Look(int file)
 {
     const Clock::time_point now = Clock::now();
-    if (m_process != OwnPid()) {
+    if (IsInherited()) {
         m_process = OwnPid();
         m_isHeld = false;
         m_othersWrote = FileClock::now(); // the parent may be about to
@@ -98,6 +101,11 @@ void CLogLease::Look(int file)
     } else {
         GiveUp(file);
     }
+}
+
+bool CLogLease::IsInherited() const
+{
+    return m_process != OwnPid();
 }
 
 void CLogLease::GiveUp(int file)

@@ -10,7 +10,8 @@ namespace VelCore {
 
 /// Locks the file against the other processes that append to it. Whoever was stopped while he held the lock does not
 /// stop the others for long: after about `attempts` times a tenth of a millisecond this returns all the same.
-void LockLog(int file, int attempts);
+/// Result: whether it is locked.
+bool LockLog(int file, int attempts);
 
 void UnlockLog(int file);
 
@@ -45,6 +46,12 @@ public:
 
     /// Waits, with the file locked, until no other process can have the right.
     static void AwaitOthers(int file);
+
+    /// The next record looks at the file again.
+    void Expire() { m_until = {}; }
+
+    /// Whether a parent process has used this last.
+    bool IsInherited() const;
 
     /// The file was closed, and with that the right is gone. It is taken soon again if the next file is new.
     void Drop() { m_isHeld = false; }
