@@ -452,6 +452,7 @@ def test_worker_without_a_watchdog_ends_in_order(installation, number):
     worker = await_waiting(agent)
 
     os.kill(agent.watchdog, number)
+    agent.status_of(agent.watchdog)  # writing a dump takes its time
     agent.record("Message: shutdown", timeout_s=2)
 
     assert agent.status_of(worker) == 5

@@ -1,7 +1,7 @@
 // CDom: the searcher that finds Lua modules in archives.
 //
-// Lua leaves a failing function by longjmp, which runs no destructors, so what the searcher works with lives in
-// thread-local buffers and in a userdata that Lua collects.
+// Lua leaves a failing function by longjmp, which runs no destructors, so what the searcher works with is borrowed, or
+// lives in a userdata that Lua collects.
 //
 // Tested by: unit/core/lua/DomLoaderTest.cpp, blackbox/test_modules.py.
 
@@ -14,6 +14,7 @@
 #include <lua.hpp>
 
 #include "archive/ZipArchive.h"
+#include "lua/Borrowed.h"
 #include "lua/ModuleIndex.h"
 #include "lua/RequireLoop.h"
 #include "lua/TextChunk.h"
@@ -37,7 +38,11 @@ struct Buffers
     std::string text; // of an error, or why the content cannot be read
     std::vector<std::string> names;
 };
-thread_local Buffers t_buffers;
+
+CBorrowed<Buffers>& BorrowBuffers(lua_State* L)
+{
+    return Borrow<Buffers>(L, "vel.require.archives");
+}
 
 int CollectIndex(lua_State* L)
 {
@@ -46,16 +51,15 @@ int CollectIndex(lua_State* L)
 }
 
 // Fills the buffer for it.
-const char* ChunkName(const ArchivedModule& module)
+const char* ChunkName(Buffers& buffers, const ArchivedModule& module)
 {
-    t_buffers.chunkName.assign("@").append(module.archive->Path()).append("/").append(module.entry->name);
-    return t_buffers.chunkName.c_str();
+    buffers.chunkName.assign("@").append(module.archive->Path()).append("/").append(module.entry->name);
+    return buffers.chunkName.c_str();
 }
 
 // Fills the buffers for content and text; false with the error's text when the entry is damaged.
-bool ReadModule(const ArchivedModule& module, const char* name)
+bool ReadModule(Buffers& buffers, const ArchivedModule& module, const char* name)
 {
-    Buffers& buffers = t_buffers;
     std::string reason;
     if (module.archive->Read(*module.entry, buffers.content, reason))
         return true;
@@ -65,19 +69,19 @@ bool ReadModule(const ArchivedModule& module, const char* name)
     return false;
 }
 
-void ReleaseContent()
+void ReleaseContent(Buffers& buffers)
 {
-    t_buffers.content.clear();
-    if (t_buffers.content.capacity() > kKeptBytes)
-        t_buffers.content.shrink_to_fit();
+    buffers.content.clear();
+    if (buffers.content.capacity() > kKeptBytes)
+        buffers.content.shrink_to_fit();
 }
 
 // The path that a module's name stands for, in a buffer.
-const std::string& PathOf(const char* name, std::size_t length)
+const std::string& PathOf(Buffers& buffers, const char* name, std::size_t length)
 {
-    t_buffers.path.assign(name, length);
-    std::replace(t_buffers.path.begin(), t_buffers.path.end(), '.', '/');
-    return t_buffers.path;
+    buffers.path.assign(name, length);
+    std::replace(buffers.path.begin(), buffers.path.end(), '.', '/');
+    return buffers.path;
 }
 
 const CModuleIndex& IndexOf(lua_State* L)
@@ -92,26 +96,30 @@ int SearchArchives(lua_State* L)
     std::size_t length = 0;
     const char* name = luaL_checklstring(L, 1, &length);
     const CModuleIndex& index = IndexOf(L);
+    CBorrowed<Buffers>& borrowed = BorrowBuffers(L);
+    Buffers& buffers = *borrowed;
 
-    const ArchivedModule* module = index.Find(PathOf(name, length));
+    const ArchivedModule* module = index.Find(PathOf(buffers, name, length));
     if (!module) {
-        t_buffers.text = index.NotFoundText(std::string_view(name, length));
-        lua_pushlstring(L, t_buffers.text.data(), t_buffers.text.size());
+        buffers.text = index.NotFoundText(std::string_view(name, length));
+        lua_pushlstring(L, buffers.text.data(), buffers.text.size());
+        borrowed.GiveBack();
         return 1;
     }
-    const char* chunkName = ChunkName(*module);
+    const char* chunkName = ChunkName(buffers, *module);
     RefuseRequireLoop(L, name, chunkName);
-    if (!ReadModule(*module, name)) {
-        lua_pushlstring(L, t_buffers.text.data(), t_buffers.text.size());
+    if (!ReadModule(buffers, *module, name)) {
+        lua_pushlstring(L, buffers.text.data(), buffers.text.size());
         return lua_error(L);
     }
 
-    const int status = LoadText(L, t_buffers.content, chunkName);
-    ReleaseContent();
+    const int status = LoadText(L, buffers.content, chunkName);
+    ReleaseContent(buffers);
     if (status != LUA_OK)
         return luaL_error(L, "error loading module '%s' from archive entry '%s':\n\t%s", name, chunkName + 1,
                           lua_tostring(L, -1));
     lua_pushstring(L, chunkName + 1);
+    borrowed.GiveBack();
     return 2;
 }
 
@@ -120,8 +128,9 @@ int ListNames(lua_State* L)
 {
     std::size_t length = 0;
     const char* prefix = luaL_checklstring(L, 1, &length);
-    std::vector<std::string>& names = t_buffers.names;
-    names = IndexOf(L).NamesBelow(PathOf(prefix, length));
+    CBorrowed<Buffers>& buffers = BorrowBuffers(L);
+    std::vector<std::string>& names = buffers->names;
+    names = IndexOf(L).NamesBelow(PathOf(*buffers, prefix, length));
     lua_createtable(L, static_cast<int>(names.size()), 0);
     int at = 0;
     for (const std::string& name : names) {
@@ -129,6 +138,7 @@ int ListNames(lua_State* L)
         lua_rawseti(L, -2, ++at);
     }
     names.clear();
+    buffers.GiveBack();
     return 1;
 }
 

@@ -1,8 +1,7 @@
 // `require` for Lua files: as Lua's own, but precompiled chunks are refused, and a module that lies elsewhere, as most
 // do, costs few calls of the system.
 //
-// Lua leaves a failing function by longjmp, which runs no destructors, so what the searcher works with lives in
-// thread-local buffers.
+// Lua leaves a failing function by longjmp, which runs no destructors, so what the searcher works with is borrowed.
 //
 // Tested by: unit/core/lua/{FileSearcher,LuaInterpreter}Test.cpp, blackbox/test_modules.py.
 
@@ -19,6 +18,7 @@
 
 #include <lua.hpp>
 
+#include "lua/Borrowed.h"
 #include "lua/RequireLoop.h"
 #include "process/Descriptors.h"
 
@@ -36,7 +36,6 @@ struct Buffers
     std::string missing; // the last such folder that does not exist
     std::string tried;   // what the message of `require` says
 };
-thread_local Buffers t_buffers;
 
 void Replace(std::string_view text, char mark, std::string_view by, std::string& result)
 {
@@ -55,9 +54,9 @@ bool IsReadable(const std::string& file)
 
 // Whether module `a.b` cannot be there because `a` is not. That is seen once for entries that stand together and put
 // the name in the same place, as `<folder>/?.lua` and `<folder>/?/init.lua` do.
-bool IsFolderMissing(std::string_view fileTemplate, std::string_view module)
+bool IsFolderMissing(Buffers& buffers, std::string_view fileTemplate)
 {
-    Buffers& buffers = t_buffers;
+    const std::string_view module = buffers.module;
     const std::size_t firstPart = module.find('/');
     const std::size_t mark = fileTemplate.find('?');
     if (firstPart == std::string_view::npos || mark == std::string_view::npos)
@@ -72,9 +71,8 @@ bool IsFolderMissing(std::string_view fileTemplate, std::string_view module)
 }
 
 // The file of a module: the first one that can be read, or null. The buffer for it then says what was tried.
-const char* FindFile(const char* name, std::string_view path)
+const char* FindFile(Buffers& buffers, const char* name, std::string_view path)
 {
-    Buffers& buffers = t_buffers;
     buffers.missing.clear();
     buffers.tried.clear();
     Replace(name, '.', "/", buffers.module);
@@ -84,7 +82,7 @@ const char* FindFile(const char* name, std::string_view path)
         if (fileTemplate.empty())
             continue;
         Replace(fileTemplate, '?', buffers.module, buffers.file);
-        if (!IsFolderMissing(fileTemplate, buffers.module) && IsReadable(buffers.file))
+        if (!IsFolderMissing(buffers, fileTemplate) && IsReadable(buffers.file))
             return buffers.file.c_str();
         buffers.tried.append("\n\tno file '").append(buffers.file).append("'");
     }
@@ -101,12 +99,12 @@ int SearchFiles(lua_State* L)
     if (!path)
         return luaL_error(L, "'package.path' must be a string");
 
-    const char* found = FindFile(module, path);
-    if (!found) {
-        lua_pushlstring(L, t_buffers.tried.data(), t_buffers.tried.size());
+    CBorrowed<Buffers>& buffers = Borrow<Buffers>(L, "vel.require.files");
+    const char* found = FindFile(*buffers, module, path);
+    const char* file = lua_pushstring(L, found ? found : buffers->tried.c_str());
+    buffers.GiveBack();
+    if (!found)
         return 1;
-    }
-    const char* file = lua_pushstring(L, found);
     RefuseRequireLoop(L, module, lua_pushfstring(L, "@%s", file));
     lua_pop(L, 1);
     if (luaL_loadfilex(L, file, "t") != LUA_OK)

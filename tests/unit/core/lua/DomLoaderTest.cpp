@@ -67,6 +67,42 @@ TEST_F(DomLoader, RequireFindsModulesInArchives)
     EXPECT_EQ("three", m_script.Value("return require 'two.three'"));
 }
 
+// Finalizers come while a module is looked for, read and compiled.
+TEST_F(DomLoader, AFinalizerMayRequireWhileAModuleIsLoaded)
+{
+    std::vector<ZipItem> items;
+    for (int i = 0; i < 50; ++i) {
+        const std::string name = "module" + std::to_string(i);
+        items.push_back(Item("much/longer/" + name + ".lua",
+                             "local t = {} " + std::string(3000, ' ') + "t.name = '" + name + "' return t"));
+        items.push_back(Item(name + ".lua", "local t = {} t.name = '" + name + "' t.other = 'text' return t"));
+    }
+    Archive("a.kxe", items);
+    Register();
+    EXPECT_EQ(0, m_script.Run("collectgarbage('setpause', 1) collectgarbage('setstepmul', 1000)\n"
+                              "local busy, finalized = false, 0\n"
+                              "local function litter()\n"
+                              "  setmetatable({}, {__gc = function()\n"
+                              "    if busy then return end\n"
+                              "    busy, finalized = true, finalized + 1\n"
+                              "    local name = 'much.longer.module' .. finalized % 50\n"
+                              "    package.loaded[name] = nil\n"
+                              "    assert('module' .. finalized % 50 == require(name).name)\n"
+                              "    pcall(require, 'a.module.that.is.in.no.archive.at.all' .. finalized)\n"
+                              "    busy = false\n"
+                              "  end})\n"
+                              "end\n"
+                              "for round = 1, 20 do\n"
+                              "  for i = 0, 49 do\n"
+                              "    for _ = 1, 20 do litter() end\n"
+                              "    package.loaded['module' .. i] = nil\n"
+                              "    assert(require('module' .. i).name == 'module' .. i)\n"
+                              "  end\n"
+                              "end\n"
+                              "assert(finalized > 100, finalized)"))
+        << Info();
+}
+
 TEST_F(DomLoader, StandsBehindTheFileSearcherAndAheadOfTheOthers)
 {
     m_script.Run("before = {} for i, s in ipairs(package.searchers) do before[i] = s end");
