@@ -3,6 +3,7 @@
 import json
 import os
 import platform
+import shutil
 import subprocess
 from datetime import datetime, timezone
 
@@ -61,7 +62,9 @@ def machine():
 
 
 def commit(source):
-    """The commit measured; empty outside a clone."""
+    """The commit measured; empty outside a clone, and without git."""
+    if not shutil.which("git"):
+        return ""
     done = subprocess.run(["git", "-C", str(source), "describe", "--always", "--dirty"], stdout=subprocess.PIPE,
                           stderr=subprocess.DEVNULL, text=True, check=False)
     return done.stdout.strip()
