@@ -16,17 +16,15 @@ template <typename T>
 class CBorrowed
 {
 public:
-    CBorrowed() : m_object(std::move(t_spare))
-    {
-        if (!m_object)
-            m_object = std::make_unique<T>();
-    }
+    CBorrowed() = default; // empty, see PushOwned
     ~CBorrowed() { GiveBack(); }
     CBorrowed(const CBorrowed&) = delete;
     CBorrowed& operator=(const CBorrowed&) = delete;
 
     T& operator*() const { return *m_object; }
     T* operator->() const { return m_object.get(); }
+
+    void Take() { m_object = t_spare ? std::move(t_spare) : std::make_unique<T>(); }
 
     void GiveBack()
     {
@@ -45,7 +43,9 @@ private:
 template <typename T>
 CBorrowed<T>& Borrow(lua_State* L, const char* className)
 {
-    return PushOwned<CBorrowed<T>>(L, className);
+    auto& borrowed = PushOwned<CBorrowed<T>>(L, className);
+    borrowed.Take();
+    return borrowed;
 }
 
 } // namespace VelCore
