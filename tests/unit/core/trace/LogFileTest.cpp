@@ -157,8 +157,6 @@ TEST_F(LogFile, RightsThatTheOwnerLacksAreNotGiven)
 
 TEST_F(LogFile, AnotherUsersFolderKeepsItsRights)
 {
-    if (geteuid() != 0)
-        return; // only root can give a folder away
     m_folder.MakeFolder("work/log");
     ASSERT_EQ(0, chmod((Work() + "/log").c_str(), 0755));
     ASSERT_EQ(0, chown((Work() + "/log").c_str(), 65534, 65534));
@@ -307,8 +305,6 @@ TEST_F(LogFile, AFileInTheFoldersPlaceIsReported)
 
 TEST_F(LogFile, AnotherUsersFileIsNotWritten)
 {
-    if (geteuid() != 0)
-        return; // only root can give a file away
     m_folder.Write("work/log/unit.log", "");
     ASSERT_EQ(0, chown(Log().c_str(), 65534, 65534));
     ExpectRefused("another user");
