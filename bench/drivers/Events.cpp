@@ -5,34 +5,14 @@
 #include <algorithm>
 #include <vector>
 
-#include <wx/log.h>
-
-#include <VelCore/AgentEvent.h>
-#include <VelCore/Clock.h>
 #include <VelCore/SqliteDatabase.h>
 
-#include "Driver.h"
+#include "drivers/Driver.h"
+#include "drivers/OrdinaryEvent.h"
 
 namespace {
 
 const double kMicrosecondsPerSecond = 1e6;
-const int kMillisPerSecond = 1000;
-
-VelCore::CAgentEvent MakeEvent()
-{
-    VelCore::CAgentEvent event;
-    event.description = L"an event of an ordinary length, as a monitor writes it for a file that has changed";
-    event.SetAttributeNull(&event.description, false);
-    event.eventNumber = 5101;
-    event.SetAttributeNull(&event.eventNumber, false);
-    event.severity = VelCore::CAgentEvent::ToSeverity(wxLOG_Info);
-    event.SetAttributeNull(&event.severity, false);
-    event.timeMillis = VelCore::TimeNowMillis();
-    event.SetAttributeNull(&event.timeMillis, false);
-    event.timeSeconds = static_cast<std::int32_t>(event.timeMillis / kMillisPerSecond);
-    event.SetAttributeNull(&event.timeSeconds, false);
-    return event;
-}
 
 // The value that `share` of all are not above; `sorted` is not empty.
 double Percentile(const std::vector<double>& sorted, double share)
@@ -49,7 +29,7 @@ int main(int argc, char** argv)
     const int count = Driver::PositiveCount(argv[2], "COUNT");
 
     VelCore::CSqliteDatabase::InitializeSQLite(&core.Dom());
-    const VelCore::CAgentEvent event = MakeEvent();
+    const VelCore::CAgentEvent event = Driver::OrdinaryEvent();
     core.Dom().AgentEventWrite(event); // makes the database
 
     std::vector<double> microseconds;

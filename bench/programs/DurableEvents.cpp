@@ -12,21 +12,16 @@
 
 #include <sqlite3.h>
 
-#include <wx/log.h>
-
-#include <VelCore/AgentEvent.h>
 #include <VelCore/Clock.h>
 #include <VelCore/SqliteDatabase.h>
 
 #include "drivers/Driver.h"
+#include "drivers/OrdinaryEvent.h"
 
 namespace {
 
 const double kMicrosecondsPerSecond = 1e6;
 const int kMillisPerSecond = 1000;
-const int kEventNumber = 5101;
-const int kSeverity = 6;
-const char* const kDescription = "an event of an ordinary length, as a monitor writes it for a file that has changed";
 
 void Require(bool isDone)
 {
@@ -63,7 +58,7 @@ public:
     }
 
 private:
-    const std::string m_record = std::string("5101 6 1763700000 1763700000123 ") + kDescription + "\n";
+    const std::string m_record = std::string("5101 6 1763700000 1763700000123 ") + Driver::kEventDescription + "\n";
     int m_file;
     off_t m_end = 0;
 };
@@ -94,11 +89,11 @@ public:
     void Write()
     {
         const std::int64_t now = VelCore::TimeNowMillis();
-        sqlite3_bind_int64(m_insert, 1, kEventNumber);
-        sqlite3_bind_int64(m_insert, 2, kSeverity);
+        sqlite3_bind_int64(m_insert, 1, Driver::kEventNumber);
+        sqlite3_bind_int64(m_insert, 2, Driver::kEventSeverity);
         sqlite3_bind_int64(m_insert, 3, now / kMillisPerSecond);
         sqlite3_bind_int64(m_insert, 4, now);
-        sqlite3_bind_text(m_insert, 5, kDescription, -1, SQLITE_STATIC);
+        sqlite3_bind_text(m_insert, 5, Driver::kEventDescription, -1, SQLITE_STATIC);
         Require(sqlite3_step(m_insert) == SQLITE_DONE);
         sqlite3_reset(m_insert);
     }
@@ -113,22 +108,6 @@ private:
     sqlite3_stmt* m_insert = nullptr;
 };
 
-VelCore::CAgentEvent MakeEvent()
-{
-    VelCore::CAgentEvent event;
-    event.description = kDescription;
-    event.SetAttributeNull(&event.description, false);
-    event.eventNumber = kEventNumber;
-    event.SetAttributeNull(&event.eventNumber, false);
-    event.severity = kSeverity;
-    event.SetAttributeNull(&event.severity, false);
-    event.timeMillis = VelCore::TimeNowMillis();
-    event.SetAttributeNull(&event.timeMillis, false);
-    event.timeSeconds = static_cast<std::int32_t>(event.timeMillis / kMillisPerSecond);
-    event.SetAttributeNull(&event.timeSeconds, false);
-    return event;
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -141,10 +120,10 @@ int main(int argc, char** argv)
     {
         CFloor floor(folder + "/floor.events");
         CPlainSqlite plain(folder + "/plain.db");
-        core.Dom().AgentEventWrite(MakeEvent()); // makes the database
+        core.Dom().AgentEventWrite(Driver::OrdinaryEvent()); // makes the database
         for (int round = 0; round < rounds; ++round) {
             Measure("floor", [&] { floor.Write(); });
-            Measure("agent", [&] { core.Dom().AgentEventWrite(MakeEvent()); });
+            Measure("agent", [&] { core.Dom().AgentEventWrite(Driver::OrdinaryEvent()); });
             Measure("SQLite", [&] { plain.Write(); });
         }
     }

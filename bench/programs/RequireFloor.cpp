@@ -2,7 +2,6 @@
 //
 // Usage: RequireFloor ARCHIVE[;ARCHIVE...] NAMES
 
-#include <algorithm>
 #include <list>
 #include <string>
 #include <unordered_map>
@@ -31,20 +30,14 @@ struct Modules
 int Search(lua_State* L)
 {
     auto& modules = *static_cast<Modules*>(lua_touserdata(L, lua_upvalueindex(1)));
-    std::string& path = modules.path;
-    path.assign(lua_tostring(L, 1));
-    std::replace(path.begin(), path.end(), '.', '/');
-    path += ".lua";
-
+    const std::string& path = FileOf(L, modules.path);
     const MappedEntry& entry = modules.byName.find(path)->second;
     if (modules.content.size() < entry.size)
         modules.content.resize(entry.size);
     if (libdeflate_deflate_decompress(modules.decompressor, entry.data.data(), entry.data.size(),
                                       modules.content.data(), entry.size, nullptr) != LIBDEFLATE_SUCCESS)
         return luaL_error(L, "damaged");
-    if (luaL_loadbufferx(L, modules.content.data(), entry.size, path.c_str(), "t") != LUA_OK)
-        return lua_error(L);
-    return 1;
+    return Load(L, modules.content.data(), entry.size, path);
 }
 
 } // namespace

@@ -2,7 +2,6 @@
 //
 // Usage: RequireLibzip ARCHIVE[;ARCHIVE...] NAMES
 
-#include <algorithm>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -43,11 +42,7 @@ void Index(const std::string& path, Modules& modules)
 int Search(lua_State* L)
 {
     auto& modules = *static_cast<Modules*>(lua_touserdata(L, lua_upvalueindex(1)));
-    std::string& path = modules.path;
-    path.assign(lua_tostring(L, 1));
-    std::replace(path.begin(), path.end(), '.', '/');
-    path += ".lua";
-
+    const std::string& path = FileOf(L, modules.path);
     const Place& place = modules.byName.find(path)->second;
     zip_stat_t status;
     zip_stat_index(place.archive, place.index, 0, &status);
@@ -57,9 +52,7 @@ int Search(lua_State* L)
     if (!file || zip_fread(file, modules.content.data(), status.size) != static_cast<zip_int64_t>(status.size))
         return luaL_error(L, "damaged");
     zip_fclose(file);
-    if (luaL_loadbufferx(L, modules.content.data(), status.size, path.c_str(), "t") != LUA_OK)
-        return lua_error(L);
-    return 1;
+    return Load(L, modules.content.data(), status.size, path);
 }
 
 } // namespace

@@ -44,6 +44,18 @@ void PushLines(lua_State* L, const std::string& path)
     }
 }
 
+const std::string& FileOf(lua_State* L, std::string& buffer)
+{
+    buffer.assign(lua_tostring(L, 1));
+    std::replace(buffer.begin(), buffer.end(), '.', '/');
+    return buffer += ".lua";
+}
+
+int Load(lua_State* L, const char* text, std::size_t size, const std::string& chunkName)
+{
+    return luaL_loadbufferx(L, text, size, chunkName.c_str(), "t") == LUA_OK ? 1 : lua_error(L);
+}
+
 void RequireAll(int (*searcher)(lua_State*), void* context, const std::string& namesPath)
 {
     lua_State* L = luaL_newstate();
