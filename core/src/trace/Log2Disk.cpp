@@ -5,10 +5,9 @@
 #include <VelCore/Log2Disk.h>
 
 #include <iterator>
-#include <string>
 
 #include "trace/LogFile.h"
-#include "trace/RecordText.h"
+#include "trace/RecordLine.h"
 
 namespace VelCore {
 namespace {
@@ -26,9 +25,8 @@ const char* LevelWord(wxLogLevel level)
 
 void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo& info)
 {
-    std::string& record = CLogFile::Begin(info.timestamp, LevelWord(level));
-    AppendEscaped(message, record);
-    CLogFile::Get().Append(record);
+    CRecordLine& record = CLogFile::Begin(info.timestamp, LevelWord(level));
+    CLogFile::Get().Append(record.AddEscaped(message));
 }
 
 CTerminalQuiet::CTerminalQuiet()

@@ -45,9 +45,6 @@ bool StandardErrorIsTerminal()
     return b_IsTerminal;
 }
 
-// A longer record gives its memory back.
-const std::size_t kKeptBytes = 16384;
-
 // "<stamp> [<pid>] ", in local time and the framework's format. A burst of records shares the second, so the text is
 // kept per thread.
 const std::string& RecordHead(std::time_t when)
@@ -110,38 +107,35 @@ void CLogFile::TellCrashHandler()
     FollowSettings();
 }
 
-std::string& CLogFile::Begin(std::time_t when, std::string_view level)
+CRecordLine& CLogFile::Begin(std::time_t when, std::string_view level)
 {
-    thread_local std::string t_record;
-    if (t_record.capacity() > kKeptBytes)
-        t_record = std::string();
-    return t_record.assign(RecordHead(when)).append(level).append(": ");
+    thread_local CRecordLine t_record;
+    t_record.Clear();
+    return t_record.Add(RecordHead(when)).Add(level).Add(": ");
 }
 
 void CLogFile::Append(std::time_t when, std::string_view level, std::string_view text)
 {
-    std::string& record = Begin(when, level);
-    AppendEscaped(text, record);
-    Append(record);
+    Append(Begin(when, level).AddEscaped(text));
 }
 
-void CLogFile::Append(std::string& record)
+void CLogFile::Append(CRecordLine& record)
 {
-    record += '\n';
-    const std::size_t taken = AppendAlone(record);
-    if (taken < record.size()) {
+    const std::string_view line = record.Add("\n").Text();
+    const std::size_t taken = AppendAlone(line);
+    if (taken < line.size()) {
         const std::lock_guard lock(m_mutex);
-        TakeBack(std::string_view(record).substr(0, taken));
+        TakeBack(line.substr(0, taken));
         FollowSettings();
         std::string reason;
-        if (m_work.empty() || !WriteUnderLock(record, reason)) {
-            WriteToStandardError(record, reason);
+        if (m_work.empty() || !WriteUnderLock(line, reason)) {
+            WriteToStandardError(line, reason);
             return;
         }
         m_lastReason.clear();
     }
     if (t_quiet == 0 && StandardErrorIsTerminal())
-        WriteAll(STDERR_FILENO, record);
+        WriteAll(STDERR_FILENO, line);
 }
 
 // Threads of a process with the lease append side by side: the system keeps their lines apart. Returns how much of the
@@ -179,7 +173,7 @@ void CLogFile::FollowSettings()
     SetCrashLogPath(work.empty() ? "" : work + "/log/" + fileName);
 }
 
-bool CLogFile::WriteUnderLock(const std::string& line, std::string& reason)
+bool CLogFile::WriteUnderLock(std::string_view line, std::string& reason)
 {
     const bool isWritten = ReadyToWrite(reason) && WriteLine(line, reason);
     if (isWritten)
@@ -328,7 +322,7 @@ bool CLogFile::ShiftOldFiles()
     return renameat(m_folder, m_fileName.c_str(), m_folder, nameOf(1).c_str()) == 0;
 }
 
-bool CLogFile::WriteLine(const std::string& line, std::string& reason)
+bool CLogFile::WriteLine(std::string_view line, std::string& reason)
 {
     const std::size_t written = WriteAll(m_file, line);
     if (written == line.size()) {
@@ -338,7 +332,7 @@ bool CLogFile::WriteLine(const std::string& line, std::string& reason)
     }
     reason = SystemReason("cannot write log file", m_work + "/log/" + m_fileName);
     m_lease.Expire();
-    TakeBack(std::string_view(line).substr(0, written));
+    TakeBack(line.substr(0, written));
     return false;
 }
 
@@ -377,7 +371,7 @@ void CLogFile::EndLastLine(off_t size, bool mayRemove)
         WriteAll(m_file, "\n");
 }
 
-void CLogFile::WriteToStandardError(const std::string& line, const std::string& reason)
+void CLogFile::WriteToStandardError(std::string_view line, const std::string& reason)
 {
     if (t_quiet != 0 && StandardErrorIsTerminal())
         return; // the program itself shows this text there

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 
 #include "trace/LogLock.h"
+#include "trace/RecordLine.h"
 
 namespace VelCore {
 
@@ -36,15 +37,14 @@ public:
 
     static CLogFile& Get();
 
-    /// Begins a record of the calling thread: everything ahead of its text. What is added has to be escaped, see
-    /// RecordText.h.
+    /// Begins a record of the calling thread: everything ahead of its text.
     ///
     /// when   seconds since the epoch, shown in local time by the framework log's time-stamp format
     /// level  the level word
-    static std::string& Begin(std::time_t when, std::string_view level);
+    static CRecordLine& Begin(std::time_t when, std::string_view level);
 
     /// Ends a record that was begun like that and writes it; it is in the file when the call returns.
-    void Append(std::string& record);
+    void Append(CRecordLine& record);
 
     /// Both at once, for a text that is UTF-8 and not escaped.
     void Append(std::time_t when, std::string_view level, std::string_view text);
@@ -63,7 +63,7 @@ private:
     bool Open(std::string& reason);
     void Close();
     bool MakeFolder(std::string& reason);
-    bool WriteUnderLock(const std::string& line, std::string& reason);
+    bool WriteUnderLock(std::string_view line, std::string& reason);
     bool ReadyToWrite(std::string& reason);
     bool Rotate();
     void TakeOver();
@@ -71,8 +71,8 @@ private:
     void EndLastLine(off_t size, bool mayRemove);
     bool ShiftOldFiles();
     void TakeBack(std::string_view piece);
-    bool WriteLine(const std::string& line, std::string& reason);
-    void WriteToStandardError(const std::string& line, const std::string& reason);
+    bool WriteLine(std::string_view line, std::string& reason);
+    void WriteToStandardError(std::string_view line, const std::string& reason);
 
     std::shared_mutex m_mutex;            // shared by threads that append side by side
     std::uint64_t m_generation = 0;       // of the settings that the path was made from

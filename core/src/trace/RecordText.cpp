@@ -12,23 +12,6 @@
 namespace VelCore {
 namespace {
 
-// Appends a text that stands as it is, which most do. Returns false, and appends nothing, when there is more to do.
-template <typename Character>
-bool AppendPlain(const Character* text, std::size_t size, std::string& out)
-{
-    const std::size_t start = out.size();
-    out.resize(start + size);
-    char* const place = out.data() + start;
-    unsigned others = 0;
-    for (std::size_t i = 0; i < size; ++i) {
-        place[i] = static_cast<char>(text[i]);
-        others |= static_cast<std::uint32_t>(text[i]) - 0x20 < 0x5F ? 0U : 1U;
-    }
-    if (others != 0)
-        out.resize(start);
-    return others == 0;
-}
-
 bool IsControl(std::uint32_t point)
 {
     return point < 0x20 || (point >= 0x7F && point < 0xA0);
@@ -60,9 +43,13 @@ bool IsRawByte(std::uint32_t point)
     return point >= 0xDC80 && point <= 0xDCFF;
 }
 
-void AppendDecoded(const wxString& text, std::string& out)
+} // namespace
+
+std::string EscapeControls(std::string_view text)
 {
-    for (const wchar_t character : text.ToStdWstring()) {
+    const wxString decoded = FromUtf8(text);
+    std::string out;
+    for (const wchar_t character : decoded.ToStdWstring()) {
         const auto point = static_cast<std::uint32_t>(character);
         if (IsRawByte(point))
             AppendEscape(point & 0xFF, out);
@@ -73,28 +60,7 @@ void AppendDecoded(const wxString& text, std::string& out)
         else
             out += ToUtf8(wxString(character));
     }
-}
-
-} // namespace
-
-std::string EscapeControls(std::string_view text)
-{
-    std::string out;
-    AppendEscaped(text, out);
     return out;
-}
-
-void AppendEscaped(std::string_view text, std::string& out)
-{
-    if (!AppendPlain(text.data(), text.size(), out))
-        AppendDecoded(FromUtf8(text), out);
-}
-
-void AppendEscaped(const wxString& text, std::string& out)
-{
-    const std::wstring& wide = text.ToStdWstring();
-    if (!AppendPlain(wide.data(), wide.size(), out))
-        AppendEscaped(std::string_view(ToUtf8(text)), out);
 }
 
 std::string LogFileStem(std::string_view applicationName)

@@ -19,7 +19,7 @@
 #include <VelCore/Dom.h>
 
 #include "trace/LogFile.h"
-#include "trace/RecordText.h"
+#include "trace/RecordLine.h"
 
 namespace VelCore {
 namespace {
@@ -100,17 +100,13 @@ bool TraceListsHold(const wxString& module)
 
 void LogTrace(const wxString& module, const char* file, int line, const char* function, const wxString& message)
 {
-    if (!LogTraceIsEnabled(module))
+    if (!TraceListsHold(module))
         return;
     const char* slash = std::strrchr(file, '/');
-    std::string& record = CLogFile::Begin(std::time(nullptr), "Trace");
-    AppendEscaped(module, record);
-    record += ": ";
-    AppendEscaped(std::string_view(function), record);
-    record += " (";
-    AppendEscaped(std::string_view(slash ? slash + 1 : file), record);
-    record.append(":").append(std::to_string(line)).append("): ");
-    AppendEscaped(message, record);
+    CRecordLine& record = CLogFile::Begin(std::time(nullptr), "Trace");
+    record.AddEscaped(module).Add(": ").AddEscaped(std::string_view(function));
+    record.Add(" (").AddEscaped(std::string_view(slash ? slash + 1 : file)).Add(":").Add(line).Add("): ");
+    record.AddEscaped(message);
     CLogFile::Get().Append(record);
 }
 

@@ -4,11 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <VelCore/Utf8.h>
-
-using VelCore::AppendEscaped;
 using VelCore::EscapeControls;
-using VelCore::FromUtf8;
 using VelCore::LogFileStem;
 
 namespace {
@@ -68,18 +64,6 @@ TEST(RecordText, NothingThatEndsALineOrIsNoTextGetsThrough)
 TEST(RecordText, TextCannotForgeARecord)
 {
     EXPECT_EQ("a\\n2026-11-20 12:34:56 [1] Message: b", EscapeControls("a\n2026-11-20 12:34:56 [1] Message: b"));
-}
-
-TEST(RecordText, TheFrameworksTextIsShownLikeTheBytesThatItStandsFor)
-{
-    for (const std::string special : {"", "\n", "\xC3\xA9", "\xE9", "\xE2\x80\xA8", "\x7f"}) {
-        for (const std::size_t plain : {0, 1, 255, 256, 257, 512, 1000}) {
-            const std::string text = std::string(plain, 'x') + special + "behind";
-            std::string out = "before ";
-            AppendEscaped(FromUtf8(text), out);
-            EXPECT_EQ("before " + EscapeControls(text), out) << plain;
-        }
-    }
 }
 
 TEST(RecordText, FileNameKeepsTheApplicationNameOutOfOtherFolders)
