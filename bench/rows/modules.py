@@ -86,7 +86,7 @@ def measure_require(rig):
     files = modules.as_files()
     plain = {"lua5.2": lambda: microseconds(modules.count, "lua5.2", rig.scratch / "plain.lua", files, modules.names)}
     (rig.scratch / "plain.lua").write_text(PLAIN_FILES, encoding="ascii")
-    rounds = rig.pick(3, 11)
+    rounds = rig.pick(3, 21)
     return {
         "require.one": in_turn(requires(rig, modules, modules.in_archives(1)) | plain, rounds),
         "require.many": in_turn(requires(rig, modules, modules.in_archives(ARCHIVES)) | plain, rounds),
@@ -103,7 +103,7 @@ def measure_growth(rig):
         f"agent at {FEW}": at_few["agent"],
         "floor": at_many["floor"],
         f"floor at {FEW}": at_few["floor"],
-    }, rig.pick(1, 5))}
+    }, rig.pick(1, 9))}
 
 
 GROUPS = [

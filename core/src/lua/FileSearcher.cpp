@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -28,63 +30,99 @@ namespace {
 // Place of the searcher for Lua files in package.searchers: behind the one for preloaded modules.
 const int kFileSearcher = 2;
 
-struct Buffers
+// An entry of the path.
+struct FileTemplate
 {
-    std::string module;  // its name with "/" for "."
-    std::string file;    // what an entry of the path makes of it
-    std::string folder;  // what that entry makes of the first part of the name
-    std::string missing; // the last such folder that does not exist
-    std::string tried;   // what the message of `require` says
+    std::vector<std::string> parts; // between which the name stands
+    bool startsAsLast = false;      // the first part is that of the entry before, and a name follows
 };
 
-void Replace(std::string_view text, char mark, std::string_view by, std::string& result)
+struct Buffers
 {
-    result.clear();
-    for (std::size_t at = text.find(mark); at != std::string_view::npos; at = text.find(mark)) {
-        result.append(text.substr(0, at)).append(by);
+    std::string path; // that the templates were made from
+    std::vector<FileTemplate> templates;
+    std::string module; // its name with "/" for "."
+    std::string folder; // what an entry makes of the first part of the name
+    std::string tried;  // what the message of `require` says; a file's name ends it while that is looked for
+};
+
+std::vector<std::string> Split(std::string_view text, char separator)
+{
+    std::vector<std::string> parts;
+    for (std::size_t at = text.find(separator); at != std::string_view::npos; at = text.find(separator)) {
+        parts.emplace_back(text.substr(0, at));
         text.remove_prefix(at + 1);
     }
-    result.append(text);
+    parts.emplace_back(text);
+    return parts;
 }
 
-bool IsReadable(const std::string& file)
+std::vector<FileTemplate> TemplatesOf(std::string_view path)
 {
-    return OpenAt(AT_FDCWD, file.c_str(), O_RDONLY).IsOpen();
+    std::vector<FileTemplate> templates;
+    for (const std::string& entry : Split(path, ';')) {
+        if (entry.empty())
+            continue;
+        FileTemplate next{Split(entry, '?')};
+        next.startsAsLast = next.parts.size() > 1 && !templates.empty() && templates.back().parts.size() > 1 &&
+                            templates.back().parts.front() == next.parts.front();
+        templates.push_back(std::move(next));
+    }
+    return templates;
 }
 
-// Whether module `a.b` cannot be there because `a` is not. That is seen once for entries that stand together and put
-// the name in the same place, as `<folder>/?.lua` and `<folder>/?/init.lua` do.
-bool IsFolderMissing(Buffers& buffers, std::string_view fileTemplate)
+// The path hardly ever changes between two calls.
+void TakePath(Buffers& buffers, const char* path)
+{
+    if (buffers.path == path)
+        return;
+    std::vector<FileTemplate> templates = TemplatesOf(path);
+    buffers.path = path;
+    buffers.templates = std::move(templates);
+}
+
+bool IsReadable(const char* file)
+{
+    return OpenAt(AT_FDCWD, file, O_RDONLY).IsOpen();
+}
+
+// Whether module `a.b` cannot be there because `a` is not.
+bool IsFolderMissing(Buffers& buffers, const FileTemplate& file)
 {
     const std::string_view module = buffers.module;
     const std::size_t firstPart = module.find('/');
-    const std::size_t mark = fileTemplate.find('?');
-    if (firstPart == std::string_view::npos || mark == std::string_view::npos)
+    if (firstPart == std::string_view::npos || file.parts.size() == 1)
         return false;
-    buffers.folder.assign(fileTemplate.substr(0, mark)).append(module.substr(0, firstPart));
-    if (buffers.folder == buffers.missing)
-        return true;
-    if (access(buffers.folder.c_str(), F_OK) == 0 || errno != ENOENT)
-        return false;
-    buffers.missing = buffers.folder;
-    return true;
+    buffers.folder.assign(file.parts.front()).append(module.substr(0, firstPart));
+    return access(buffers.folder.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
+// Appends the name and returns it.
+const char* AppendFile(Buffers& buffers, const FileTemplate& file)
+{
+    const std::size_t start = buffers.tried.size();
+    buffers.tried.append(file.parts.front());
+    for (std::size_t i = 1; i < file.parts.size(); ++i)
+        buffers.tried.append(buffers.module).append(file.parts[i]);
+    return buffers.tried.c_str() + start;
 }
 
 // The file of a module: the first one that can be read, or null. The buffer for it then says what was tried.
-const char* FindFile(Buffers& buffers, const char* name, std::string_view path)
+const char* FindFile(Buffers& buffers, const char* name, const char* path)
 {
-    buffers.missing.clear();
+    TakePath(buffers, path);
+    buffers.module = name;
+    std::replace(buffers.module.begin(), buffers.module.end(), '.', '/');
     buffers.tried.clear();
-    Replace(name, '.', "/", buffers.module);
-    while (!path.empty()) {
-        const std::string_view fileTemplate = path.substr(0, path.find(';'));
-        path.remove_prefix(std::min(fileTemplate.size() + 1, path.size()));
-        if (fileTemplate.empty())
-            continue;
-        Replace(fileTemplate, '?', buffers.module, buffers.file);
-        if (!IsFolderMissing(buffers, fileTemplate) && IsReadable(buffers.file))
-            return buffers.file.c_str();
-        buffers.tried.append("\n\tno file '").append(buffers.file).append("'");
+    bool isFolderMissing = false; // seen once for entries such as `<folder>/?.lua` and `<folder>/?/init.lua`
+    for (const FileTemplate& entry : buffers.templates) {
+        if (!entry.startsAsLast)
+            isFolderMissing = IsFolderMissing(buffers, entry);
+        buffers.tried.append("\n\tno file '");
+        const char* file = AppendFile(buffers, entry);
+        if (!isFolderMissing && IsReadable(file))
+            return file;
+        buffers.tried += '\'';
     }
     return nullptr;
 }

@@ -82,6 +82,26 @@ TEST_F(FileSearcher, EntriesThatPutTheNameElsewhereAreLookedAtByThemselves)
     EXPECT_EQ("twice", Require("c.d"));
 }
 
+TEST_F(FileSearcher, AChangedPathCountsFromTheNextCall)
+{
+    m_folder.Write("first/a.lua", "return 'first'");
+    m_folder.Write("second/b.lua", "return 'second'");
+    SetPath(m_first + "/?.lua");
+    EXPECT_EQ("first", Require("a"));
+    EXPECT_NE(std::string::npos, Failure("b").find("no file '" + m_first + "/b.lua'")) << Failure("b");
+    SetPath(m_second + "/?.lua");
+    EXPECT_EQ("second", Require("b"));
+    SetPath("");
+    EXPECT_EQ(std::string::npos, Failure("c").find("no file '" + m_second)) << Failure("c");
+}
+
+TEST_F(FileSearcher, AnEntryBetweenDoesNotHideAPackage)
+{
+    SetPath(m_first + "/?.lua;" + m_folder / "none.lua" + ";" + m_first + "/?/init.lua");
+    m_folder.Write("first/a/b/init.lua", "return 'package'");
+    EXPECT_EQ("package", Require("a.b"));
+}
+
 TEST_F(FileSearcher, AnEntryWithoutAMarkIsAFile)
 {
     SetPath(m_first + "/?.lua;;" + m_folder / "all.lua" + ";");
