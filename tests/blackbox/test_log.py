@@ -1,5 +1,6 @@
 """The log file: where it is, what a record looks like, and that none is lost."""
 
+import calendar
 import os
 import re
 import stat
@@ -44,6 +45,27 @@ def test_a_record_has_time_process_level_and_text(installation):
     assert int(before) <= stamp <= after
     assert outcome.out == f"pid\t{record.pid}\n"
     assert (record.level, record.text) == ("Warning", "something happened")
+
+
+def test_stamp_is_not_behind_the_clock(installation):
+    installation.write_app(
+        main="""
+        for turn = 1, 2 do
+            local second = math.floor(dom:TimeNowMillis() / 1000) + 1
+            while dom:TimeNowMillis() < second * 1000 do end
+            dom:Log('message', ('%d'):format(second))
+            dom:LogTrace('Turn', ('%d'):format(second))
+        end
+        return 0"""
+    )
+
+    assert installation.run("--trace", "Turn", env={"TZ": "UTC"}).status == 0
+
+    records = installation.records()
+    assert [record.level for record in records] == ["Message", "Trace"] * 2
+    for record in records:
+        stamp = calendar.timegm(time.strptime(record.stamp, "%Y-%m-%d %H:%M:%S"))
+        assert stamp >= int(record.text.split()[-1])
 
 
 def test_runs_add_to_the_log(installation):

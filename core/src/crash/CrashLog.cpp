@@ -8,12 +8,13 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <ctime>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <VelCore/Clock.h>
 
 #include "crash/SharedText.h"
 #include "crash/TextBuffer.h"
@@ -37,7 +38,7 @@ const std::size_t kWithoutBlocking = 512;
 
 void AddStamp(CTextBuffer& line)
 {
-    const CivilTime now = CivilTimeOf(time(nullptr) + g_utcOffset.load());
+    const CivilTime now = CivilTimeOf(TimeNowMillis() / 1000 + g_utcOffset.load());
     line.AddPadded(now.year, 4).Add("-").AddPadded(now.month, 2).Add("-").AddPadded(now.day, 2).Add(" ");
     line.AddPadded(now.hour, 2).Add(":").AddPadded(now.minute, 2).Add(":").AddPadded(now.second, 2);
 }

@@ -4,8 +4,7 @@
 
 #include "trace/LogText.h"
 
-#include <ctime>
-
+#include <VelCore/Clock.h>
 #include <VelCore/Utf8.h>
 
 namespace VelCore {
@@ -26,8 +25,9 @@ void LogText(wxLogLevel level, std::string_view text)
     shown.Replace(wxString(L'\0', 1), L"\\x00"); // as the log shows it
     // There is nothing to format, and the framework's formatting of a long text crashes when memory is short.
     wxLogRecordInfo info(__FILE__, __LINE__, __func__, wxLOG_COMPONENT);
-    info.timestamp = std::time(nullptr);
-    info.timestampMS = info.timestamp * 1000LL;
+    // By the clock of the framework's own records: `time` lags behind it, by up to a tick of the kernel.
+    info.timestampMS = TimeNowMillis();
+    info.timestamp = info.timestampMS / 1000;
     wxLog::OnLog(level, shown, info);
 }
 

@@ -10,12 +10,12 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include <VelCore/Clock.h>
 #include <VelCore/Dom.h>
 
 #include "trace/LogFile.h"
@@ -103,7 +103,7 @@ void LogTrace(const wxString& module, const char* file, int line, const char* fu
     if (!TraceListsHold(module))
         return;
     const char* slash = std::strrchr(file, '/');
-    CRecordLine& record = CLogFile::Begin(std::time(nullptr), "Trace");
+    CRecordLine& record = CLogFile::Begin(TimeNowMillis() / 1000, "Trace");
     record.AddEscaped(module).Add(": ").AddEscaped(std::string_view(function));
     record.Add(" (").AddEscaped(std::string_view(slash ? slash + 1 : file)).Add(":").Add(line).Add("): ");
     record.AddEscaped(message);
