@@ -220,12 +220,14 @@ def test_the_packages_are_those_of_the_domains_folder(installation):
 @pytest.mark.parametrize("place", ["/nonexistent", ""])
 def test_a_folder_that_is_not_there_ends_the_run_quietly(installation, place):
     put(installation, SAMPLE, FILES)
+    unfinished = installation.bin / ".vel-unfinished-0123456789abcdef"
+    unfinished.write_text("half")
 
     assert run(installation, "--domain_var", f"app.path.bin={place}", cwd=installation.bin) == "nil"
 
     assert events(installation) == []
     assert installation.log_text() == ""
-    assert set(plugins(installation)) == {SAMPLE}
+    assert set(plugins(installation)) == {SAMPLE, unfinished.name}
 
 
 def test_a_folder_that_cannot_be_listed_ends_the_run_without_a_heartbeat(public_installation):

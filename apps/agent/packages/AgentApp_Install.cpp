@@ -32,7 +32,8 @@ void CAgentApp::InstallNewPlugins()
 {
     const wxFileName folder = wxFileName::DirName(m_dom->GetWxString(DomainKeys::kPathBin));
     RemoveCoreFiles(folder);
-    VelCore::RemoveUnfinished(folder); // also when there is no package to unpack
+    if (folder.DirExists()) // an empty path is no folder, and not the current one either
+        VelCore::RemoveUnfinished(folder); // also when there is no package to unpack
 
     VelCore::CAgentEvent event;
     const wxArrayString packages = ListFiles(folder, L"*.kxp");
