@@ -91,7 +91,8 @@ bool IsFolderMissing(Buffers& buffers, const FileTemplate& file)
 {
     const std::string_view module = buffers.module;
     const std::size_t firstPart = module.find('/');
-    if (firstPart == std::string_view::npos || file.parts.size() == 1)
+    // A name that begins with it has no first part: entry `?.lua` makes an absolute path of such a name.
+    if (firstPart == std::string_view::npos || firstPart == 0 || file.parts.size() == 1)
         return false;
     buffers.folder.assign(file.parts.front()).append(module.substr(0, firstPart));
     return access(buffers.folder.c_str(), F_OK) != 0 && errno == ENOENT;

@@ -132,6 +132,13 @@ TEST_F(FileSearcher, ALinkedFolderIsFollowed)
     EXPECT_EQ("linked", Require("a.b"));
 }
 
+TEST_F(FileSearcher, ANameThatIsAnAbsolutePathIsFoundThroughAnEntryThatAddsNoFolder)
+{
+    SetPath("?.lua");
+    m_folder.Write("first/a.lua", "return 'absolute'");
+    EXPECT_EQ("absolute", Require(m_first + "/a"));
+}
+
 TEST_F(FileSearcher, APathThatIsNoTextIsAnError)
 {
     m_script.Value("package.path = {}");
