@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Measures the agent next to its peers and next to the floor, and prints ratios of one run side by side.
 
-Exit status: 0 when every row was measured, 1 when one could not be, 2 for a wrong argument. A limit that is missed is
-shown and is no failure: it may be the machine.
+Exit status: 0 when every row was measured, 1 when one could not be or a file not be written, 2 for a wrong argument. A
+limit that is missed is shown and is no failure: it may be the machine.
 """
 
 import argparse
@@ -35,13 +35,43 @@ def arguments():
     return options
 
 
+# What one group or one file can fail with. Whatever a program prints is read as figures, so that is among it.
+FAILURES = (ArithmeticError, LookupError, OSError, RuntimeError, ValueError, subprocess.SubprocessError)
+
+
 def measure(group, rig, wanted):
     """The results of a group's wanted rows, and the text of what went wrong, if anything did."""
     try:
         taken = group.measure(rig)
         return [Result(row, taken[row.name]) for row in wanted], None
-    except (OSError, subprocess.SubprocessError, RuntimeError, KeyError) as error:
-        return [], f"{', '.join(row.name for row in wanted)}: {error}"
+    except FAILURES as error:
+        return [], f"not measured: {', '.join(row.name for row in wanted)}: {type(error).__name__}: {error}"
+
+
+def write_samples(results, rig, path):
+    path.write_text(report.as_json(results, rig.source, rig.quick) + "\n", encoding="utf-8")
+    print(f"\nSamples: {path}")
+
+
+def write_picture(results, path):
+    if plot.draw(results, path):
+        print(f"Picture: {path}")
+
+
+def attempt(function, *arguments):
+    """The texts of what went wrong: one or none. The table is on the screen by then, and a file is no reason to end."""
+    try:
+        function(*arguments)
+        return []
+    except FAILURES as error:
+        return [f"not written: {error}"]
+
+
+def end_on_signals():
+    """What was started and written goes with this program, also when its terminal is closed."""
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        if signal.getsignal(number) != signal.SIG_IGN:  # as nohup has it
+            signal.signal(number, lambda *_: sys.exit(1))
 
 
 def main():
@@ -51,7 +81,7 @@ def main():
             for row in group.rows:
                 print(f"{row.name:24} {row.title}")
         return 0
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # what was started and written goes with it
+    end_on_signals()
     results = []
     failures = []
     rig = Rig(options.build, options.quick)
@@ -69,14 +99,15 @@ def main():
         rig.close()
     if results:
         print(report.table(results))
-        options.json.write_text(report.as_json(results, rig.source, options.quick) + "\n", encoding="utf-8")
-        print(f"\nSamples: {options.json}")
-        if plot.draw(results, options.plot):
-            print(f"Picture: {options.plot}")
+        failures += attempt(write_samples, results, rig, options.json)
+        failures += attempt(write_picture, results, options.plot)
     for failure in failures:
-        print(f"script/bench: not measured: {failure}", file=sys.stderr)
+        print(f"script/bench: {failure}", file=sys.stderr)
     return 1 if failures else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    except KeyboardInterrupt:
+        sys.exit(128 + signal.SIGINT)

@@ -47,9 +47,10 @@ def script(results, path):
                  "point pt 6 ps 0.7 lc rgb '#909090' title 'others'",
         "aim": "$aim using 1:2 with points pt '|' lc rgb '#2e8b57' title 'aim'",
     }
+    height = 140 + HEIGHT_OF_A_ROW * len(results)
     quoted = str(path).replace("'", "''")
     return "".join(block(kind, rows) for kind, rows in kinds.items() if rows) + f"""
-set terminal svg size 1100,{140 + HEIGHT_OF_A_ROW * len(results)} dynamic background rgb 'white' font 'sans,11'
+set terminal svg size 1100,{height} dynamic background rgb 'white' font 'sans,11' noenhanced
 set output '{quoted}'
 set title 'Cost as a share of what must hold (1): less is better'
 set logscale x
@@ -67,5 +68,6 @@ def draw(results, path):
     """Writes an SVG with gnuplot. Returns whether there was anything to draw."""
     drawable = [result for result in results if can_be_drawn(result)]
     if drawable:
-        subprocess.run(["gnuplot"], input=script(drawable, path), text=True, check=True)
+        # Where it cannot write the file, it would go on with the screen.
+        subprocess.run(["gnuplot"], input=script(drawable, path), text=True, check=True, stdout=subprocess.DEVNULL)
     return bool(drawable)

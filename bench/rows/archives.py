@@ -29,9 +29,13 @@ def inside(figure, *command):
 
 def whole(*command):
     """The milliseconds of processor time of a whole program."""
-    child = subprocess.Popen([str(part) for part in command], stdout=subprocess.DEVNULL)
-    _, status, usage = os.wait4(child.pid, 0)
-    child.returncode = os.waitstatus_to_exitcode(status)
+    with subprocess.Popen([str(part) for part in command], stdout=subprocess.DEVNULL) as child:
+        try:
+            _, status, usage = os.wait4(child.pid, 0)
+        except BaseException:
+            child.kill()
+            raise
+        child.returncode = os.waitstatus_to_exitcode(status)
     if child.returncode != 0:
         raise subprocess.CalledProcessError(child.returncode, child.args)
     return (usage.ru_utime + usage.ru_stime) * 1000
