@@ -57,23 +57,24 @@ const char* ChunkName(Buffers& buffers, const ArchivedModule& module)
     return buffers.chunkName.c_str();
 }
 
-// Fills the buffers for content and text; false with the error's text when the entry is damaged.
-bool ReadModule(Buffers& buffers, const ArchivedModule& module, const char* name)
-{
-    std::string reason;
-    if (module.archive->Read(*module.entry, buffers.content, reason))
-        return true;
-    buffers.text.assign("error loading module '").append(name).append("' from archive '");
-    buffers.text.append(module.archive->Path()).append("', entry '").append(module.entry->name).append("': ");
-    buffers.text.append(reason);
-    return false;
-}
-
 void ReleaseContent(Buffers& buffers)
 {
     buffers.content.clear();
     if (buffers.content.capacity() > kKeptBytes)
         buffers.content.shrink_to_fit();
+}
+
+// Fills the buffer for content; or, when the entry is damaged, returns false and fills the one for the error's text.
+bool ReadModule(Buffers& buffers, const ArchivedModule& module, const char* name)
+{
+    std::string reason;
+    if (module.archive->Read(*module.entry, buffers.content, reason))
+        return true;
+    ReleaseContent(buffers);
+    buffers.text.assign("error loading module '").append(name).append("' from archive '");
+    buffers.text.append(module.archive->Path()).append("', entry '").append(module.entry->name).append("': ");
+    buffers.text.append(reason);
+    return false;
 }
 
 // The path that a module's name stands for, in a buffer.

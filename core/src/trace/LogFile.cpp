@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -57,11 +58,11 @@ const std::string& RecordHead(std::time_t when)
         localtime_r(&when, &local);
         char text[128];
         const std::size_t length = std::strftime(text, sizeof text, ToUtf8(wxLog::GetTimestamp()).c_str(), &local);
-        t_process = OwnPid();
-        t_head = std::string(text, length) + " [" + std::to_string(t_process) + "] ";
+        t_head = std::string(text, length) + " [" + std::to_string(OwnPid()) + "] ";
         SetCrashUtcOffset(SecondsOf({local.tm_year + 1900L, local.tm_mon + 1, local.tm_mday, local.tm_hour,
                                      local.tm_min, local.tm_sec}) -
                           when);
+        t_process = OwnPid();
         t_when = when;
     }
     return t_head;
@@ -156,21 +157,23 @@ void CLogFile::FollowSettings()
     const std::uint64_t generation = CDom::SettingsGeneration();
     if (generation == m_generation)
         return;
-    m_generation = generation;
 
     const CDom* root = CDom::Root();
-    if (!root)
+    if (!root) {
+        m_generation = generation;
         return; // the last words of the process still go where the others went
-    const std::string work = root->Get("app.path.work");
-    const std::string fileName = LogFileStem(root->Get("app.name")) + ".log";
+    }
+    std::string work = root->Get("app.path.work");
+    std::string fileName = LogFileStem(root->Get("app.name")) + ".log";
+    m_generation = generation; // not sooner: if memory was short for those, the next record follows
     if (work == m_work && fileName == m_fileName)
         return;
     Close();
     m_lease.StartAnew();
-    m_work = work;
-    m_fileName = fileName;
+    m_work = std::move(work);
+    m_fileName = std::move(fileName);
     m_rotateAt = s_RotateAt;
-    SetCrashLogPath(work.empty() ? "" : work + "/log/" + fileName);
+    SetCrashLogPath(m_work.empty() ? "" : m_work + "/log/" + m_fileName);
 }
 
 bool CLogFile::WriteUnderLock(std::string_view line, std::string& reason)
