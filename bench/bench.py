@@ -23,11 +23,14 @@ def arguments():
     parser.add_argument("--quick", action="store_true", help="fewer rounds and smaller amounts: a look, no verdict")
     parser.add_argument("--list", action="store_true", help="print the rows' names and meanings")
     parser.add_argument("--build", default="build-bench", help=argparse.SUPPRESS)
-    parser.add_argument("--json", type=Path, default=Path("build-bench/bench.json"), metavar="FILE",
-                        help="where every sample is written (%(default)s)")
-    parser.add_argument("--plot", type=Path, default=Path("build-bench/bench.svg"), metavar="FILE",
-                        help="where the picture is written (%(default)s)")
+    parser.add_argument("--from", dest="caller", type=Path, default=Path(), help=argparse.SUPPRESS)
+    parser.add_argument("--json", type=Path, metavar="FILE",
+                        help="where every sample is written (build-bench/bench.json of the source)")
+    parser.add_argument("--plot", type=Path, metavar="FILE",
+                        help="where the picture is written (build-bench/bench.svg of the source)")
     options = parser.parse_args()
+    options.json = options.caller / options.json if options.json else Path("build-bench/bench.json")
+    options.plot = options.caller / options.plot if options.plot else Path("build-bench/bench.svg")
     known = {row.name for group in GROUPS for row in group.rows}
     unknown = [name for name in options.rows if name not in known]
     if unknown:

@@ -159,7 +159,7 @@ GROUPS = [
            Row("unpack.random", "300 MB of random bytes are unpacked, in ten files", "ms", 1.3, 1.15)), measure_large),
     Group((Row("unpack.memory.entries", "peak while 20,000 files are unpacked, against 2,000", "KiB", None, FLAT,
                base="2,000 entries"),
-           Row("unpack.memory.bytes", "peak while a file of 300 MB is unpacked, against one of 30 MB", "KiB", None, FLAT,
+           Row("unpack.memory.bytes", "peak while a file of 300 MB is unpacked, against 30 MB", "KiB", None, FLAT,
                base="30 MB")), measure_memory),
     Group((Row("remove", "20,000 listed files are removed", "ms", 2, 1.5),), measure_removal),
 ]

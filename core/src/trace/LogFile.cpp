@@ -23,6 +23,7 @@
 #include "crash/CrashLog.h"
 #include "process/Descriptors.h"
 #include "process/OwnPid.h"
+#include "threads/OfThread.h"
 #include "time/CivilTime.h"
 #include "trace/RecordText.h"
 
@@ -46,26 +47,31 @@ bool StandardErrorIsTerminal()
     return b_IsTerminal;
 }
 
-// "<stamp> [<pid>] ", in local time and the framework's format. A burst of records shares the second, so the text is
-// kept per thread.
-const std::string& RecordHead(std::time_t when)
+// "<stamp> [<pid>] ", in local time and the framework's format.
+struct RecordHead
 {
-    thread_local std::time_t t_when = -1;
-    thread_local pid_t t_process = 0;
-    thread_local std::string t_head;
-    if (when != t_when || t_process != OwnPid()) {
+    std::time_t when = -1;
+    pid_t process = 0;
+    std::string text;
+};
+
+// A burst of records shares the second, so the text is kept per thread.
+const std::string& HeadOf(std::time_t when)
+{
+    auto& head = OfThread<RecordHead>();
+    if (when != head.when || head.process != OwnPid()) {
         std::tm local{};
         localtime_r(&when, &local);
-        char text[128];
-        const std::size_t length = std::strftime(text, sizeof text, ToUtf8(wxLog::GetTimestamp()).c_str(), &local);
-        t_head = std::string(text, length) + " [" + std::to_string(OwnPid()) + "] ";
+        char stamp[128];
+        const std::size_t length = std::strftime(stamp, sizeof stamp, ToUtf8(wxLog::GetTimestamp()).c_str(), &local);
+        head.text = std::string(stamp, length) + " [" + std::to_string(OwnPid()) + "] ";
         SetCrashUtcOffset(SecondsOf({local.tm_year + 1900L, local.tm_mon + 1, local.tm_mday, local.tm_hour,
                                      local.tm_min, local.tm_sec}) -
                           when);
-        t_process = OwnPid();
-        t_when = when;
+        head.process = OwnPid();
+        head.when = when;
     }
-    return t_head;
+    return head.text;
 }
 
 bool IsSame(const struct stat& one, const struct stat& other)
@@ -103,16 +109,16 @@ void CLogFile::QuietTerminal(bool quiet)
 
 void CLogFile::TellCrashHandler()
 {
-    RecordHead(std::time(nullptr));
+    HeadOf(std::time(nullptr));
     const std::lock_guard lock(m_mutex);
     FollowSettings();
 }
 
 CRecordLine& CLogFile::Begin(std::time_t when, std::string_view level)
 {
-    thread_local CRecordLine t_record;
-    t_record.Clear();
-    return t_record.Add(RecordHead(when)).Add(level).Add(": ");
+    auto& record = OfThread<CRecordLine>();
+    record.Clear();
+    return record.Add(HeadOf(when)).Add(level).Add(": ");
 }
 
 void CLogFile::Append(std::time_t when, std::string_view level, std::string_view text)

@@ -18,6 +18,7 @@
 #include <VelCore/Clock.h>
 #include <VelCore/Dom.h>
 
+#include "threads/OfThread.h"
 #include "trace/LogFile.h"
 #include "trace/RecordLine.h"
 
@@ -73,8 +74,6 @@ void SetFilter(const EnabledModules& modules)
         TraceFilter::g_bits = modules.bits;
 }
 
-thread_local EnabledModules t_modules;
-
 } // namespace
 
 std::atomic<std::uint64_t> TraceFilter::g_bits{kAllBits};
@@ -87,15 +86,16 @@ void TraceFilter::Reset()
 
 bool TraceListsHold(const wxString& module)
 {
+    auto& modules = OfThread<EnabledModules>();
     const std::uint64_t generation = CDom::SettingsGeneration();
-    if (t_modules.generation != generation)
-        Renew(t_modules, generation);
-    if (TraceFilter::g_bits != t_modules.bits)
-        SetFilter(t_modules);
-    if (t_modules.all)
+    if (modules.generation != generation)
+        Renew(modules, generation);
+    if (TraceFilter::g_bits != modules.bits)
+        SetFilter(modules);
+    if (modules.all)
         return true;
     const std::wstring& name = module.ToStdWstring();
-    return std::find(t_modules.names.begin(), t_modules.names.end(), name) != t_modules.names.end();
+    return std::find(modules.names.begin(), modules.names.end(), name) != modules.names.end();
 }
 
 void LogTrace(const wxString& module, const char* file, int line, const char* function, const wxString& message)

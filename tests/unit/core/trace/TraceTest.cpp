@@ -201,6 +201,22 @@ TEST_F(Trace, AModuleThatIsOffWritesNothing)
     EXPECT_FALSE(VelTest::Exists(m_folder / "work"));
 }
 
+TEST_F(Trace, TheEndOfAThreadMayBeTraced)
+{
+    struct AtEnd
+    {
+        ~AtEnd() { LogTrace(L"Ends", "end.cpp", 1, "end", L"last"); }
+    };
+    m_root->Set("app.trace", "Ends");
+    std::thread([] {
+        thread_local const AtEnd t_atEnd; // made ahead of what the thread keeps for its records, so it ends behind that
+        static_cast<void>(t_atEnd);
+        LogTrace(L"Ends", "end.cpp", 1, "end", L"first");
+    }).join();
+    EXPECT_NE(std::string::npos, LogText().find("Trace: Ends: end (end.cpp:1): first\n")) << LogText();
+    EXPECT_NE(std::string::npos, LogText().find("Trace: Ends: end (end.cpp:1): last\n")) << LogText();
+}
+
 TEST_F(Trace, RecordsDoNotPassTheFrameworksLevelOrSwitch)
 {
     m_root->Set("app.trace", "Appl");
