@@ -3,30 +3,36 @@
 
 #include <memory>
 
+#include <pthread.h>
+
 namespace VelCore {
 
-/// The calling thread's T, made by its first call and destroyed when the thread ends, the main thread's when the
-/// process does.
+/// The calling thread's T, made by its first call and destroyed when the thread ends. The main thread's stays.
 ///
-/// Other objects of the thread may end later and still call this; a plain thread_local T would be gone by then. They
-/// get a new one, which nobody destroys: one object for a thread that has such latecomers.
+/// A plain thread_local T is gone when an object that was made sooner ends, and so is the main thread's while static
+/// objects end. Both may still call this: keys of the system's threads are let go after all that. Whoever comes even
+/// later gets a new one.
 template <typename T>
 T& OfThread()
 {
-    struct Owner
+    thread_local T* t_object = nullptr; // needs no destructor, so it is there as long as the thread
+    struct Key
     {
-        T*& object;
-        ~Owner()
+        pthread_key_t key{};
+        bool isMade = pthread_key_create(&key, Destroy) == 0;
+
+        static void Destroy(void* object)
         {
-            const std::unique_ptr<T> last(object);
-            object = nullptr;
+            t_object = nullptr;
+            const std::unique_ptr<T> last(static_cast<T*>(object));
         }
     };
-    thread_local T* t_object = nullptr; // needs no destructor, so it is there as long as the thread
     if (!t_object) {
-        t_object = std::make_unique<T>().release();
-        thread_local const Owner t_owner{t_object};
-        static_cast<void>(t_owner);
+        static const Key key;
+        auto made = std::make_unique<T>();
+        if (key.isMade)
+            pthread_setspecific(key.key, made.get());
+        t_object = made.release();
     }
     return *t_object;
 }

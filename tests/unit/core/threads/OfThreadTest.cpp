@@ -16,9 +16,15 @@ std::atomic<int> g_ended{0};
 struct Kept
 {
     Kept() { ++g_made; }
-    ~Kept() { ++g_ended; }
+    ~Kept()
+    {
+        ++g_ended;
+        if (atEnd)
+            atEnd();
+    }
 
     std::string text = "a text that is too long to stand in the object itself";
+    void (*atEnd)() = nullptr;
 };
 
 // Its end asks for the thread's object, and uses it.
@@ -70,17 +76,24 @@ TEST_F(OfThreadTest, EachThreadHasItsOwn)
     EXPECT_EQ(2, g_ended);
 }
 
-TEST_F(OfThreadTest, WhoComesLateGetsAnother)
+TEST_F(OfThreadTest, ItIsThereForWhateverEndsWithTheThread)
 {
     std::string seen;
     std::thread([&seen] {
         thread_local CLatecomer t_latecomer; // made first, so it ends last
         t_latecomer.TellAtEnd(seen);
-        OfThread<Kept>().text = "changed";
+        OfThread<Kept>().text = "a text that is as long, and stands in the object since then";
     }).join();
-    EXPECT_EQ("a text that is too long to stand in the object itself", seen);
-    EXPECT_EQ(2, g_made);
+    EXPECT_EQ("a text that is as long, and stands in the object since then", seen);
+    EXPECT_EQ(1, g_made);
     EXPECT_EQ(1, g_ended);
+}
+
+TEST_F(OfThreadTest, WhoComesEvenLaterGetsAnother)
+{
+    std::thread([] { OfThread<Kept>().atEnd = [] { OfThread<Kept>().text = "changed"; }; }).join();
+    EXPECT_EQ(2, g_made);
+    EXPECT_EQ(2, g_ended);
 }
 
 } // namespace
