@@ -11,8 +11,8 @@ Usage: kx_agent -- [OPTION...] FOLDER...
 Computes the SHA-256 digest of every regular file below each FOLDER, and shows which files were added, changed (in
 content, size, mode or owner) or removed since the last run. What it finds is the baseline of the next run. The first
 run over a FOLDER takes its baseline.
-Symbolic links are followed where they are named as a FOLDER only. /proc and /sys are left out unless named, and so are
-the agent's own log, events and baseline.
+Symbolic links are followed where they are named as a FOLDER, or lie in the path to one. /proc and /sys are left out
+unless named, and so is the folder of the agent's own log. Its events and baseline are left out always.
 
   --every SECONDS    scan again and again, with so many seconds from start to start, until the agent is stopped
   --exclude PATTERN  leave out what matches; an excluded folder is not entered. PATTERN is a shell wildcard: without
