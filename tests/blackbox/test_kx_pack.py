@@ -361,7 +361,7 @@ def test_help_names_every_command_and_version_is_the_agents():
 @pytest.mark.parametrize(
     "words, text",
     [
-        ((), "which command?; see `kx-pack --help`"),
+        ((), "a command is missing; see `kx-pack --help`"),
         (("wrong",), "unknown command 'wrong'; see `kx-pack --help`"),
         (("verify",), "wrong number of operands, wanted is FILE...; see `kx-pack verify --help`"),
         (("plugin", "a", "b"), "wrong number of operands, wanted is FOLDER; see `kx-pack plugin --help`"),

@@ -79,7 +79,7 @@ Status RunCommand(const Command& command, const std::vector<std::string>& words)
 Status Run(const std::vector<std::string>& words)
 {
     if (words.empty())
-        return RefuseUsage("which command?", "--help");
+        return RefuseUsage("a command is missing", "--help");
     if (words.front() == "--help" || words.front() == "-h") {
         PrintUsage();
         return Status::Done;
