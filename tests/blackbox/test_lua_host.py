@@ -369,6 +369,14 @@ def test_os_exit_ends_with_the_status_of_lua(installation, name, call):
     assert (outcome.status, outcome.out, outcome.err) == (stock_lua(call).status, "unfinished line", "")
 
 
+def test_os_exit_waits_for_a_reader_that_takes_its_time(installation):
+    installation.write_app(main="for i = 1, 661 do io.write(('x'):rep(99), '\\n') end io.write('the end') os.exit(5)")  # more than a pipe holds
+
+    outcome = installation.run(wrapper=("bash", "-c", '"$@" | (sleep 2.5; cat); exit ${PIPESTATUS[0]}', "bash"))
+
+    assert (outcome.status, len(outcome.out), outcome.out[-7:]) == (5, 66107, "the end")
+
+
 @pytest.mark.parametrize("call", ["os.exit('x')", "os.exit({})", "os.exit(print)"])
 def test_os_exit_with_a_wrong_argument_is_an_error(installation, call):
     script = f"print((select(2, pcall(function() {call} end)):gsub('^.-:%d+: ', '')))"

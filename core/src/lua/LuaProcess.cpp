@@ -30,6 +30,7 @@ int OsExit(lua_State* L)
         status = luaL_optint(L, 1, EXIT_SUCCESS);
     if (lua_toboolean(L, 2))
         lua_close(L);
+    std::fflush(stdout); // whoever reads slowly gets everything; only the other streams have a limited time
     EndProcess(status);
 }
 
