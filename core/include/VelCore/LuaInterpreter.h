@@ -58,8 +58,8 @@ public:
     /// name       shown in messages as `name:line:`
     /// out        receives what the chunk prints; null for C's standard output
     ///
-    /// Returns 0; 1 when the chunk cannot be loaded; Lua's status (2 run-time error, 4 memory, 6 error in error
-    /// handling) when it fails while running.
+    /// Returns 0; 1 when the chunk cannot be loaded, or the stream not read to its end; Lua's status (2 run-time error,
+    /// 4 memory, 5 error in a finalizer, 6 error in error handling) when it fails while running.
     /// Errors: each failure is an error-level record with the text of `GetErrorInfo`.
     int RunScript(wxInputStream& in, int arguments, int results, const wxString& name, wxOutputStream* out);
 

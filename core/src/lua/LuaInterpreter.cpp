@@ -91,7 +91,8 @@ std::string ReadAll(wxInputStream& in)
 {
     std::string text;
     char buffer[4096];
-    while (in.Read(buffer, sizeof buffer).LastRead() > 0)
+    // A stream over a file that could not be opened has failed already, and forgets it when it is read.
+    while (in.GetLastError() != wxSTREAM_READ_ERROR && in.Read(buffer, sizeof buffer).LastRead() > 0)
         text.append(buffer, in.LastRead());
     return text;
 }
@@ -163,7 +164,13 @@ int CLuaInterpreter::RunScript(wxInputStream& in, int arguments, int results, co
     // stack from base + 1: message handler, chunk, arguments
     lua_pushcfunction(m_state, DescribeFailure);
     lua_insert(m_state, base + 1);
-    if (LoadText(m_state, ReadAll(in), ("=" + ToUtf8(name)).c_str()) != LUA_OK) {
+    const int loaded = LoadText(m_state, ReadAll(in), ("=" + ToUtf8(name)).c_str());
+    if (in.GetLastError() == wxSTREAM_READ_ERROR) { // the beginning of a script is another script
+        lua_settop(m_state, base);
+        RecordFailure(ToUtf8(name) + ": cannot be read to its end");
+        return kCannotLoad;
+    }
+    if (loaded != LUA_OK) {
         lua_pushcfunction(m_state, DescribeFailure); // the chunk did not run, so nobody has described it yet
         lua_insert(m_state, -2);
         lua_pcall(m_state, 1, 1, 0);

@@ -38,6 +38,26 @@ int RunOn(CLuaInterpreter& interpreter, const std::string& text, wxOutputStream*
     return interpreter.RunScript(in, 0, 0, L"test", out);
 }
 
+// A stream that gives a text and then fails.
+class CFailingStream : public wxInputStream
+{
+public:
+    explicit CFailingStream(std::string text) : m_text(std::move(text)) {}
+
+protected:
+    std::size_t OnSysRead(void* buffer, std::size_t size) override
+    {
+        const std::size_t length = m_text.copy(static_cast<char*>(buffer), size);
+        m_text.erase(0, length);
+        if (length == 0)
+            m_lasterror = wxSTREAM_READ_ERROR;
+        return length;
+    }
+
+private:
+    std::string m_text;
+};
+
 // C++ code that a script calls and that runs another script in the same state.
 int RunNested(lua_State* L)
 {
@@ -250,6 +270,25 @@ TEST(LuaInterpreter, TheWholeStreamIsOneChunk)
     for (int i = 0; i < 5000; ++i)
         text += "n = n + 1\n";
     EXPECT_EQ("5000", script.Value(text + "return n"));
+}
+
+TEST(LuaInterpreter, AStreamThatFailsBeforeItsEndIsNotRun)
+{
+    CScript script;
+    CFailingStream failing("ran = true\n");
+    lua_pushinteger(script.L(), 1);
+    EXPECT_EQ(1, script.Interpreter().RunScript(failing, 1, 0, L"half", nullptr));
+    EXPECT_EQ("half: cannot be read to its end", Info(script));
+    EXPECT_EQ(0, lua_gettop(script.L()));
+    EXPECT_EQ("nil", script.Value("return tostring(ran)"));
+}
+
+TEST(LuaInterpreter, AFileThatIsNotThereIsNotRun)
+{
+    CScript script;
+    const wxLogNull quiet;
+    wxFileInputStream missing(L"/nonexistent/file.lua");
+    EXPECT_EQ(1, script.Interpreter().RunScript(missing, 0, 0, L"file.lua", nullptr));
 }
 
 TEST(LuaInterpreter, PrintGoesToTheGivenStream)
