@@ -64,6 +64,8 @@ public:
     void Set(const std::string& key, const char* value);
     void Set(const std::string& key, const std::string& value);
     void Set(const std::string& key, double value);
+    void Set(const std::string& key, const wxString& value) = delete; // SetWx; both would be taken for booleans
+    void Set(const std::string& key, const wchar_t* value) = delete;
     template <typename Integer,
               typename = std::enable_if_t<std::is_integral_v<Integer> && !std::is_same_v<Integer, bool>>>
     void Set(const std::string& key, Integer value)

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -61,6 +63,21 @@ TEST(Dom, EachSetterHasItsKind)
     EXPECT_EQ(std::int64_t{1} << 62, ReadAs<std::int64_t>(*dom, "64"));
     EXPECT_EQ("caf\xC3\xA9", ReadAs<std::string>(*dom, "wide"));
     EXPECT_EQ(-5, ReadAs<std::int64_t>(*dom, "wide number"));
+}
+
+template <typename Value, typename = void>
+constexpr bool k_CanBeSet = false;
+
+template <typename Value>
+constexpr bool k_CanBeSet<Value, std::void_t<decltype(std::declval<CDom&>().Set("key", std::declval<Value>()))>> = true;
+
+TEST(Dom, AWideTextIsNotTakenForABoolean)
+{
+    EXPECT_TRUE(k_CanBeSet<const char*>);
+    EXPECT_TRUE(k_CanBeSet<char*>);
+    EXPECT_TRUE(k_CanBeSet<bool>);
+    EXPECT_FALSE(k_CanBeSet<wxString>);
+    EXPECT_FALSE(k_CanBeSet<const wchar_t*>);
 }
 
 TEST(Dom, ANullTextIsEmpty)
