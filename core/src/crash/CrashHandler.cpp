@@ -195,6 +195,13 @@ void Copy(const std::string& from, char* to, std::size_t size)
     to[length] = '\0';
 }
 
+std::string FolderOf(const std::string& file, std::size_t slash)
+{
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : file.substr(0, slash);
+}
+
 // The longest front part of a path that is there; empty when nothing of it is.
 std::string PresentPart(std::string path)
 {
@@ -212,7 +219,7 @@ void InitCrashHandler(const wxString& path, const wxString& name, bool full)
 {
     const std::string file = ToUtf8(path);
     const std::size_t slash = file.rfind('/');
-    Copy(slash == std::string::npos ? "." : file.substr(0, slash), g_settings.folder, sizeof g_settings.folder);
+    Copy(FolderOf(file, slash), g_settings.folder, sizeof g_settings.folder);
     Copy(slash == std::string::npos ? file : file.substr(slash + 1), g_settings.name, sizeof g_settings.name);
     g_settings.present = PresentPart(g_settings.folder).size();
     g_settings.full = full;
