@@ -171,6 +171,7 @@ void CLogFile::FollowSettings()
     }
     std::string work = root->Get("app.path.work");
     std::string fileName = LogFileStem(root->Get("app.name")) + ".log";
+    std::string path = work + "/log/" + fileName;
     m_generation = generation; // not sooner: if memory was short for those, the next record follows
     if (work == m_work && fileName == m_fileName)
         return;
@@ -178,8 +179,9 @@ void CLogFile::FollowSettings()
     m_lease.StartAnew();
     m_work = std::move(work);
     m_fileName = std::move(fileName);
+    m_path = std::move(path);
     m_rotateAt = s_RotateAt;
-    SetCrashLogPath(m_work.empty() ? "" : m_work + "/log/" + m_fileName);
+    SetCrashLogPath(m_work.empty() ? "" : m_path);
 }
 
 bool CLogFile::WriteUnderLock(std::string_view line, std::string& reason)
@@ -204,8 +206,8 @@ bool CLogFile::ReadyToWrite(std::string& reason)
             m_end = -1; // the parent may have gone on
 
         struct stat current = {};
-        if (fstatat(m_folder, m_fileName.c_str(), &current, AT_SYMLINK_NOFOLLOW) != 0 || !IsSame(current, m_identity)) {
-            Close(); // somebody removed or rotated it: go on with the current one
+        if (!Find(current) || !IsSame(current, m_identity)) {
+            Close(); // somebody removed, moved or rotated it: go on with the current one
             m_lease.StartAnew();
             continue;
         }
@@ -218,6 +220,14 @@ bool CLogFile::ReadyToWrite(std::string& reason)
         return true;
     }
     return m_file >= 0 || Open(reason);
+}
+
+// By its whole path, as a folder on the way may be moved with everything in it. Only what was never absolute is looked
+// for in the folder that was opened: the process may have gone elsewhere since.
+bool CLogFile::Find(struct stat& status) const
+{
+    const bool isAbsolute = m_work.front() == '/';
+    return fstatat(m_folder, isAbsolute ? m_path.c_str() : m_fileName.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 // Somebody else has written last. If he has the lease he may be late, and have been stopped between two pages of a
@@ -270,7 +280,6 @@ bool CLogFile::Open(std::string& reason)
         return false;
 
     // A link, a fifo or somebody else's file in the log's place must neither be followed nor block.
-    const std::string path = m_work + "/log/" + m_fileName;
     const int flags = O_RDWR | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     m_file = openat(m_folder, m_fileName.c_str(), flags);
     if (m_file < 0 && errno == ENOENT) {
@@ -279,11 +288,11 @@ bool CLogFile::Open(std::string& reason)
             fchmod(m_file, kFileMode); // whatever the umask
     }
     if (m_file < 0 || fstat(m_file, &m_identity) != 0) {
-        reason = SystemReason("cannot open log file", path);
+        reason = SystemReason("cannot open log file", m_path);
     } else if (!S_ISREG(m_identity.st_mode)) {
-        reason = "cannot use log file '" + path + "': not a regular file";
+        reason = "cannot use log file '" + m_path + "': not a regular file";
     } else if (m_identity.st_uid != geteuid()) {
-        reason = "cannot use log file '" + path + "': it belongs to another user";
+        reason = "cannot use log file '" + m_path + "': it belongs to another user";
     } else {
         CloseToOthers(m_file, m_identity, kFileMode);
         return true;
@@ -339,7 +348,7 @@ bool CLogFile::WriteLine(std::string_view line, std::string& reason)
             m_end += static_cast<off_t>(written);
         return true;
     }
-    reason = SystemReason("cannot write log file", m_work + "/log/" + m_fileName);
+    reason = SystemReason("cannot write log file", m_path);
     m_lease.Expire();
     TakeBack(line.substr(0, written));
     return false;

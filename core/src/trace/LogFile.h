@@ -65,6 +65,7 @@ private:
     bool MakeFolder(std::string& reason);
     bool WriteUnderLock(std::string_view line, std::string& reason);
     bool ReadyToWrite(std::string& reason);
+    bool Find(struct stat& status) const;
     bool Rotate();
     void TakeOver();
     bool EndsALine(off_t size) const;
@@ -78,6 +79,7 @@ private:
     std::uint64_t m_generation = 0;       // of the settings that the path was made from
     std::string m_work;                   // the work folder; empty: not known yet
     std::string m_fileName;               // of the log file in its folder
+    std::string m_path;                   // of the log file
     int m_folder = -1;                    // descriptor of the log folder
     int m_file = -1;                      // descriptor of the log file
     struct stat m_identity = {};          // of the log file: device and inode

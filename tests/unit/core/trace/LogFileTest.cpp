@@ -228,6 +228,17 @@ TEST_F(LogFile, AFileThatSomebodyMovesIsStartedAnew)
     EXPECT_EQ(Texts{"two"}, Logged());
 }
 
+TEST_F(LogFile, AFolderThatSomebodyMovesIsMadeAnew)
+{
+    Append("one");
+    ASSERT_EQ(0, rename((Work() + "/log").c_str(), (Work() + "/moved").c_str()));
+    Append("two");
+    EXPECT_EQ(Texts{"two"}, Logged());
+    ASSERT_EQ(0, rename(Work().c_str(), (Work() + ".moved").c_str()));
+    Append("three");
+    EXPECT_EQ(Texts{"three"}, Logged());
+}
+
 TEST_F(LogFile, ALinkPutInItsPlaceLaterIsNotFollowedEither)
 {
     Append("one");
