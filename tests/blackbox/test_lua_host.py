@@ -370,7 +370,8 @@ def test_os_exit_ends_with_the_status_of_lua(installation, name, call):
 
 
 def test_os_exit_waits_for_a_reader_that_takes_its_time(installation):
-    installation.write_app(main="for i = 1, 661 do io.write(('x'):rep(99), '\\n') end io.write('the end') os.exit(5)")  # more than a pipe holds
+    more_than_a_pipe_holds = "for i = 1, 661 do io.write(('x'):rep(99), '\\n') end io.write('the end')"
+    installation.write_app(main=f"{more_than_a_pipe_holds} os.exit(5)")
 
     outcome = installation.run(wrapper=("bash", "-c", '"$@" | (sleep 2.5; cat); exit ${PIPESTATUS[0]}', "bash"))
 

@@ -1,6 +1,7 @@
 // Dom.h: the domain, the store of settings that the process and its Lua applications share.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -64,14 +65,17 @@ public:
     void Set(const std::string& key, const char* value);
     void Set(const std::string& key, const std::string& value);
     void Set(const std::string& key, double value);
-    void Set(const std::string& key, const wxString& value) = delete; // SetWx; both would be taken for booleans
-    void Set(const std::string& key, const wchar_t* value) = delete;
     template <typename Integer,
               typename = std::enable_if_t<std::is_integral_v<Integer> && !std::is_same_v<Integer, bool>>>
     void Set(const std::string& key, Integer value)
     {
         SetValue(key, CDomValue(static_cast<std::int64_t>(value)));
     }
+    // Wide texts would be taken for booleans: SetWx is for them.
+    template <typename Text>
+    std::enable_if_t<std::is_same_v<Text, wxString>> Set(const std::string& key, const Text& value) = delete;
+    template <typename Character>
+    std::enable_if_t<std::is_same_v<Character, wchar_t>> Set(const std::string& key, const Character* value) = delete;
     void SetWx(const wxString& key, const wxString& value);
     void SetWx(const wxString& key, long long value);
     void SetValue(const std::string& key, CDomValue value);

@@ -75,9 +75,14 @@ TEST(Dom, AWideTextIsNotTakenForABoolean)
 {
     EXPECT_TRUE(k_CanBeSet<const char*>);
     EXPECT_TRUE(k_CanBeSet<char*>);
+    EXPECT_TRUE(k_CanBeSet<std::nullptr_t>);
+    EXPECT_TRUE(k_CanBeSet<decltype(wxString().utf8_str())>);
     EXPECT_TRUE(k_CanBeSet<bool>);
     EXPECT_FALSE(k_CanBeSet<wxString>);
+    EXPECT_FALSE(k_CanBeSet<const wxString&>);
     EXPECT_FALSE(k_CanBeSet<const wchar_t*>);
+    EXPECT_FALSE(k_CanBeSet<wchar_t*>);
+    EXPECT_FALSE(k_CanBeSet<const wchar_t(&)[5]>);
 }
 
 TEST(Dom, ANullTextIsEmpty)
@@ -85,6 +90,8 @@ TEST(Dom, ANullTextIsEmpty)
     const auto dom = NewDomain();
     dom->Set("key", static_cast<const char*>(nullptr));
     EXPECT_EQ("", ReadAs<std::string>(*dom, "key"));
+    dom->Set("literal", nullptr);
+    EXPECT_EQ("", ReadAs<std::string>(*dom, "literal"));
 }
 
 TEST(Dom, AWriteReplacesValueAndKind)
