@@ -126,10 +126,10 @@ void CLogFile::Append(std::time_t when, std::string_view level, std::string_view
     Append(Begin(when, level).AddEscaped(text));
 }
 
-void CLogFile::Append(CRecordLine& record)
+void CLogFile::Append(CRecordLine& record, CLogLease::Clock::time_point now)
 {
     const std::string_view line = record.Add("\n").Text();
-    const std::size_t taken = AppendAlone(line);
+    const std::size_t taken = AppendAlone(line, now);
     if (taken < line.size()) {
         const std::lock_guard lock(m_mutex);
         TakeBack(line.substr(0, taken));
@@ -147,10 +147,10 @@ void CLogFile::Append(CRecordLine& record)
 
 // Threads of a process with the lease append side by side: the system keeps their lines apart. Returns how much of the
 // line the file took; without the lease nothing.
-std::size_t CLogFile::AppendAlone(std::string_view line)
+std::size_t CLogFile::AppendAlone(std::string_view line, CLogLease::Clock::time_point now)
 {
     const std::shared_lock lock(m_mutex);
-    if (!m_lease.IsValid() || m_end < 0 || m_end >= m_rotateAt || m_generation != CDom::SettingsGeneration())
+    if (!m_lease.IsValid(now) || m_end < 0 || m_end >= m_rotateAt || m_generation != CDom::SettingsGeneration())
         return 0;
     const ssize_t taken = write(m_file, line.data(), line.size());
     if (taken == static_cast<ssize_t>(line.size()))

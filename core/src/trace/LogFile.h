@@ -44,7 +44,9 @@ public:
     static CRecordLine& Begin(std::time_t when, std::string_view level);
 
     /// Ends a record that was begun like that and writes it; it is in the file when the call returns.
-    void Append(CRecordLine& record);
+    ///
+    /// now  a look at the clock that is not older than the record; each costs as much as a tenth of a short one
+    void Append(CRecordLine& record, CLogLease::Clock::time_point now = CLogLease::Clock::now());
 
     /// Both at once, for a text that is UTF-8 and not escaped.
     void Append(std::time_t when, std::string_view level, std::string_view text);
@@ -58,7 +60,7 @@ public:
 private:
     CLogFile() = default;
 
-    std::size_t AppendAlone(std::string_view line);
+    std::size_t AppendAlone(std::string_view line, CLogLease::Clock::time_point now);
     void FollowSettings();
     bool Open(std::string& reason);
     void Close();

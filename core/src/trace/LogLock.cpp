@@ -77,9 +77,9 @@ void PauseForLog()
     nanosleep(&pause, nullptr);
 }
 
-bool CLogLease::IsValid() const
+bool CLogLease::IsValid(Clock::time_point now) const
 {
-    return m_isHeld && m_process == OwnPid() && Clock::now() < m_until;
+    return m_isHeld && m_process == OwnPid() && now >= m_since && now < m_until;
 }
 
 void CLogLease::Look(int file)
@@ -88,15 +88,16 @@ void CLogLease::Look(int file)
     if (IsInherited()) {
         m_process = OwnPid();
         m_isHeld = false;
-        m_othersWrote = FileClock::now(); // the parent may be about to
+        m_othersWrote = now; // the parent may be about to
     }
     m_busyLooks = now - m_lastLook < kBusy ? m_busyLooks + 1 : 0;
     const bool isBusy = m_busyLooks >= kBusyLooks;
-    const bool isAlone = FileClock::now() - m_othersWrote >= kSolitude;
+    const bool isAlone = now - m_othersWrote >= kSolitude;
     m_lastLook = now;
     // It is taken anew each time: whoever in this process closes another descriptor of the file has dropped it.
     if (isBusy && isAlone && Apply(file, Bytes(F_WRLCK, kLeaseAt, 1))) {
         m_isHeld = true;
+        m_since = now;
         m_until = now + kLease;
     } else {
         GiveUp(file);
@@ -130,14 +131,14 @@ void CLogLease::AwaitOthers(int file)
 void CLogLease::NoteOthers(const struct timespec& when)
 {
     const auto sinceEpoch = seconds(when.tv_sec) + std::chrono::nanoseconds(when.tv_nsec);
-    m_othersWrote = FileClock::time_point(std::chrono::duration_cast<FileClock::duration>(sinceEpoch));
+    m_othersWrote = Clock::time_point(std::chrono::duration_cast<Clock::duration>(sinceEpoch));
 }
 
 void CLogLease::StartAnew()
 {
     m_process = OwnPid();
     m_isHeld = false;
-    m_othersWrote = FileClock::time_point();
+    m_othersWrote = Clock::time_point();
 }
 
 } // namespace VelCore

@@ -29,10 +29,10 @@ void PauseForLog();
 class CLogLease
 {
 public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = std::chrono::system_clock; // of the records and of the times of files, too
 
-    /// Whether records may be appended now as they come.
-    bool IsValid() const;
+    /// Whether records may be appended as they come, by a clock that was read a moment ago.
+    bool IsValid(Clock::time_point now) const;
 
     /// Call it with each record that is written under the lock, before that is released. Takes the right, renews it or
     /// gives it up.
@@ -62,14 +62,13 @@ public:
 private:
     void GiveUp(int file);
 
-    using FileClock = std::chrono::system_clock; // of the times of files
-
     pid_t m_process = 0;         // that the rest is about
     bool m_isHeld = false;       // others see that this process may have the right
-    Clock::time_point m_until{}; // may append until then
+    Clock::time_point m_since{}; // may append from then; a clock that is set back must not prolong the right
+    Clock::time_point m_until{}; // and until then
     Clock::time_point m_lastLook{};
-    std::int64_t m_busyLooks = 0;          // in a row, each soon after the one before
-    FileClock::time_point m_othersWrote{}; // never, as far as is known
+    std::int64_t m_busyLooks = 0;      // in a row, each soon after the one before
+    Clock::time_point m_othersWrote{}; // never, as far as is known
 };
 
 } // namespace VelCore

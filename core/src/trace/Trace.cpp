@@ -15,7 +15,6 @@
 #include <string_view>
 #include <vector>
 
-#include <VelCore/Clock.h>
 #include <VelCore/Dom.h>
 
 #include "threads/OfThread.h"
@@ -103,11 +102,12 @@ void LogTrace(const wxString& module, const char* file, int line, const char* fu
     if (!TraceListsHold(module))
         return;
     const char* slash = std::strrchr(file, '/');
-    CRecordLine& record = CLogFile::Begin(TimeNowMillis() / 1000, "Trace");
+    const CLogLease::Clock::time_point now = CLogLease::Clock::now();
+    CRecordLine& record = CLogFile::Begin(CLogLease::Clock::to_time_t(now), "Trace");
     record.AddEscaped(module).Add(": ").AddEscaped(std::string_view(function));
     record.Add(" (").AddEscaped(std::string_view(slash ? slash + 1 : file)).Add(":").Add(line).Add("): ");
     record.AddEscaped(message);
-    CLogFile::Get().Append(record);
+    CLogFile::Get().Append(record, now);
 }
 
 } // namespace VelCore
