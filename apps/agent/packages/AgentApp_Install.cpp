@@ -32,8 +32,9 @@ void CAgentApp::InstallNewPlugins()
 {
     const wxFileName folder = wxFileName::DirName(m_dom->GetWxString(DomainKeys::kPathBin));
     RemoveCoreFiles(folder);
-    if (folder.DirExists()) // an empty path is no folder, and not the current one either
-        VelCore::RemoveUnfinished(folder); // also when there is no package to unpack
+    // Also when there is no package to unpack. An empty path is no folder, and not the current one either.
+    if (folder.DirExists())
+        VelCore::RemoveUnfinished(folder);
 
     VelCore::CAgentEvent event;
     const wxArrayString packages = ListFiles(folder, L"*.kxp");
