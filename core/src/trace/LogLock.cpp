@@ -97,7 +97,7 @@ void CLogLease::Look(int file)
     // It is taken anew each time: whoever in this process closes another descriptor of the file has dropped it.
     if (isBusy && isAlone && Apply(file, Bytes(F_WRLCK, kLeaseAt, 1))) {
         m_isHeld = true;
-        m_since = now;
+        m_since = now - kLease; // whoever waits for this with an earlier look at the clock has the right, too
         m_until = now + kLease;
     } else {
         GiveUp(file);
