@@ -64,7 +64,7 @@ private:
 
     pid_t m_process = 0;         // that the rest is about
     bool m_isHeld = false;       // others see that this process may have the right
-    Clock::time_point m_since{}; // may append from then; a clock that is set back must not prolong the right
+    Clock::time_point m_since{}; // may append from then: a clock that is set back does not prolong the right by more
     Clock::time_point m_until{}; // and until then
     Clock::time_point m_lastLook{};
     std::int64_t m_busyLooks = 0;      // in a row, each soon after the one before

@@ -1,6 +1,7 @@
 #include <VelCore/Dom.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>

@@ -1,3 +1,4 @@
+#include <cstdlib>
 #include <string>
 
 #include <unistd.h>
@@ -134,13 +135,16 @@ TEST_F(FileSearcher, ALinkedFolderIsFollowed)
 
 TEST_F(FileSearcher, ANameThatIsAnAbsolutePathIsFoundThroughAnEntryThatAddsNoFolder)
 {
-    // The folder's own name has a dot, which would be read as a separator.
-    const std::string link = testing::TempDir() + "vel_absolute" + std::to_string(getpid());
+    // A dot in the folder's own name would be read as a separator.
+    std::string place = testing::TempDir() + "vel_absoluteXXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(place.data()));
+    const std::string link = place + "/link";
     SetPath("?.lua");
     m_folder.Write("first/a.lua", "return 'absolute'");
-    ASSERT_EQ(0, symlink(m_first.c_str(), link.c_str()));
+    EXPECT_EQ(0, symlink(m_first.c_str(), link.c_str()));
     EXPECT_EQ("absolute", Require(link + "/a"));
     unlink(link.c_str());
+    rmdir(place.c_str());
 }
 
 TEST_F(FileSearcher, APathThatIsNoTextIsAnError)
