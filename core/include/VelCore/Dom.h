@@ -1,7 +1,6 @@
 // Dom.h: the domain, the store of settings that the process and its Lua applications share.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>

@@ -81,7 +81,7 @@ private:
     std::uint64_t m_generation = 0;       // of the settings that the path was made from
     std::string m_work;                   // the work folder; empty: not known yet
     std::string m_fileName;               // of the log file in its folder
-    std::string m_path;                   // of the log file
+    std::string m_path;                   // of the log file: both together, for each look at it
     int m_folder = -1;                    // descriptor of the log folder
     int m_file = -1;                      // descriptor of the log file
     struct stat m_identity = {};          // of the log file: device and inode
