@@ -148,3 +148,21 @@ def test_the_list_names_every_row_once():
     names = [line.split()[0] for line in outcome.stdout.splitlines()]
     assert len(names) == len(set(names)), names
     assert all(len(line.split()) > 1 for line in outcome.stdout.splitlines()), outcome.stdout
+
+
+def test_what_cannot_be_measured_or_written_costs_nothing_else(tmp_path):
+    for name, printed in (("DomGet", "dom.get floor 2\\ndom.get agent 3\\n"), ("TraceOff", "no figures here\\n")):
+        program = tmp_path / "build" / "bench" / name
+        program.parent.mkdir(parents=True, exist_ok=True)
+        program.write_text(f"#!/bin/sh\nprintf '{printed}'\n")
+        program.chmod(0o755)
+
+    outcome = bench("--build", str(tmp_path / "build"), "--from", str(tmp_path), "--json", "samples.json",
+                    "--plot", "none/picture.svg", "--quick", "trace.off", "dom.get")
+
+    assert outcome.returncode == 1
+    assert "dom.get" in outcome.stdout and "1.50 x" in outcome.stdout, outcome.stdout
+    assert "script/bench: not measured: trace.off: " in outcome.stderr
+    assert "script/bench: not written: " in outcome.stderr
+    assert "Traceback" not in outcome.stderr
+    assert "dom.get" in (tmp_path / "samples.json").read_text()
